@@ -14,7 +14,12 @@ namespace tndm {
 
 /* An IPv4 or IPv6 address with a port, or nothing (`length` 0). The bytes of `storage` behind `length` mean nothing. */
 struct endpoint {
-    sockaddr_storage storage{};
+    union {
+        sockaddr_storage storage{};
+        sockaddr any;
+        sockaddr_in ip4;
+        sockaddr_in6 ip6;
+    };
     socklen_t length = 0;
 
     endpoint() = default;
@@ -34,10 +39,8 @@ struct endpoint {
     /* True for 0.0.0.0, :: and nothing. */
     bool is_wildcard() const;
 
-    sockaddr* address() { return reinterpret_cast<sockaddr*>(&storage); }
-    const sockaddr* address() const { return reinterpret_cast<const sockaddr*>(&storage); }
-    const sockaddr_in& v4() const { return reinterpret_cast<const sockaddr_in&>(storage); }
-    const sockaddr_in6& v6() const { return reinterpret_cast<const sockaddr_in6&>(storage); }
+    sockaddr* address() { return &any; }
+    const sockaddr* address() const { return &any; }
 
     /* "192.0.2.1:443", "[2001:db8::1]:443"; "-" when empty. */
     std::string text() const;
