@@ -1,0 +1,352 @@
+// The sending half of the bundle: a chunk's journey.
+//
+// 1. The application queues bytes on a stream; the stream stands in `fresh_`.
+// 2. A lane that has room asks next(): first grants, then what has to be sent again, then new bytes, the streams taking
+// turns.
+// 3. sent() notes in the lane's flight what the datagram held.
+// 4. acknowledged() frees the bytes. lost() lets the record wait for a quarter of a round trip, then its bytes stand in
+// `resend_`, from
+//    where the next lane with room takes them, cut to its own size. A lane that falls silent or is removed hands over
+//    all it owes.
+#include <algorithm>
+#include <utility>
+
+#include "platform/tndm/core/bundle.h"
+
+namespace tndm::core {
+
+// --- what stands in line ---
+
+void bundle::note_fresh(stream& s) {
+    const bool wanted = s.sends && s.send.has_fresh(~uint64_t{0});
+    if (wanted && !s.in_fresh) {
+        s.in_fresh = fresh_.insert(fresh_.end(), &s);
+    } else if (!wanted && s.in_fresh) {
+        fresh_.erase(*s.in_fresh);
+        s.in_fresh.reset();
+    }
+}
+
+void bundle::note_resend(stream& s) {
+    const bool wanted = s.send.has_resend();
+    if (wanted && !s.in_resend) {
+        s.in_resend = resend_.insert(resend_.end(), &s);
+    } else if (!wanted && s.in_resend) {
+        resend_.erase(*s.in_resend);
+        s.in_resend.reset();
+    }
+}
+
+// Puts back in line what a datagram held.
+void bundle::requeue(lane& from, transmission& record, instant now) {
+    from.in_flight().set(record, fate::moved);
+    switch (record.what) {
+        case content::probe:
+            from.in_flight().set(record, fate::resolved);
+            break;
+        case content::window:
+            window_dirty_ = true;
+            break;
+        case content::streams:
+            streams_dirty_[record.stream] = true;
+            break;
+        case content::stream_window:
+            if (stream* s = find(record.stream); s != nullptr && !s->window_dirty) {
+                s->window_dirty = true;
+                stream_windows_dirty_.push_back(s->id);
+            }
+            break;
+        case content::chunk:
+            if (stream* s = find(record.stream)) {
+                s->send.requeue(record.part, now);
+                note_resend(*s);
+            }
+            break;
+    }
+}
+
+// --- pulling ---
+
+std::optional<outgoing> bundle::next(lane_id id, size_t room, instant now) {
+    lane* l = lane_of(id);
+    if (l == nullptr) {
+        return std::nullopt;
+    }
+    if (!l->suspect()) {
+        if (auto found = next_control(room)) {
+            return found;
+        }
+        if (auto found = next_resend(*l, room, now)) {
+            return found;
+        }
+        if (auto found = next_fresh(room)) {
+            return found;
+        }
+    }
+    return l->probe_due(now) ? std::optional(probe()) : std::nullopt;
+}
+
+outgoing bundle::probe() {
+    return {};
+}
+
+std::optional<outgoing> bundle::next_control(size_t room) {
+    if (room < wire::header::max_size) {
+        return std::nullopt;
+    }
+    outgoing out;
+    if (window_dirty_) {
+        out.record.what = content::window;
+        out.head = wire::header::of(wire::window{connection_window_.granted()});
+        return out;
+    }
+    for (const unsigned kind : {0U, 1U}) {
+        if (streams_dirty_[kind]) {
+            out.record.what = content::streams;
+            out.record.stream = kind;
+            out.head = wire::header::of(wire::streams{kind, peer_credit_[kind]});
+            return out;
+        }
+    }
+    while (!stream_windows_dirty_.empty()) {
+        if (stream* s = find(stream_windows_dirty_.front())) {
+            out.record.what = content::stream_window;
+            out.record.stream = s->id;
+            out.head = wire::header::of(wire::stream_window{s->id, s->window.granted()});
+            return out;
+        }
+        stream_windows_dirty_.pop_front();
+    }
+    return std::nullopt;
+}
+
+std::optional<outgoing> bundle::next_resend(const lane& l, size_t room, instant now) {
+    for (stream* s : resend_) {
+        if (too_slow_for(l, s->send.resend_since(), now)) {
+            continue;
+        }
+        const range part = s->send.resend(room);
+        if (auto out = chunk_of(*s, part, room)) {
+            out->is_copy = true;
+            return out;
+        }
+        return std::nullopt;
+    }
+    return std::nullopt;
+}
+
+// A slower lane leaves bytes that must be sent again to a faster one, until waiting has cost as much as the slower lane
+// would.
+bool bundle::too_slow_for(const lane& l, instant waiting_since, instant now) {
+    duration fastest = l.rtt();
+    for (const auto& [id, other] : lanes_) {
+        if (!other.suspect()) {
+            fastest = std::min(fastest, other.rtt());
+        }
+    }
+    const instant worth_it = waiting_since + (l.rtt() - fastest) / 2;
+    if (now >= worth_it) {
+        return false;
+    }
+    resend_retry_ = std::min(resend_retry_, worth_it);
+    return true;
+}
+
+std::optional<outgoing> bundle::next_fresh(size_t room) {
+    const uint64_t allowed = connection_room();
+    for (stream* s : fresh_) {
+        const range part = s->send.fresh(room, allowed);
+        if (part.empty()) {
+            continue;  // only the connection's window holds it back
+        }
+        return chunk_of(*s, part, room);
+    }
+    return std::nullopt;
+}
+
+std::optional<wire::preface> bundle::preface_for(const stream& s) const {
+    if (preface_done_ || !preface_stream_ || s.id == *preface_stream_) {
+        return std::nullopt;
+    }
+    return wire::preface{*preface_stream_, preface_length_};
+}
+
+// The datagram that carries `part`, shortened to `room` bytes in all and to what a few pieces of memory hold; nothing
+// when not even one byte fits.
+std::optional<outgoing> bundle::chunk_of(const stream& s, range part, size_t room) const {
+    const wire::chunk shape{s.id, part.begin, false, preface_for(s), {}};
+    const size_t head = wire::header::of(shape).size();
+    if (room <= head) {
+        return std::nullopt;
+    }
+    const uint64_t wanted = part.size();
+    const bool reaches_end = s.send.reaches_end(part);
+    const uint64_t bytes = reaches_end ? wanted - 1 : wanted;
+    if (bytes > room - head) {
+        part.end = part.begin + (room - head);
+    }
+    outgoing out;
+    out.body = s.send.gather(part);
+    if (out.body.bytes < std::min<uint64_t>(bytes, room - head)) {
+        part.end = part.begin + out.body.bytes;
+    }
+    const wire::chunk chunk{s.id, part.begin, s.send.reaches_end(part), shape.first, {}};
+    out.head = wire::header::of(chunk);
+    out.record.what = content::chunk;
+    out.record.stream = s.id;
+    out.record.part = part;
+    return out;
+}
+
+std::optional<outgoing> bundle::probe_copy(lane_id id, size_t room) const {
+    const lane* l = find_lane(id);
+    if (l == nullptr) {
+        return std::nullopt;
+    }
+    // Only the front of the flight is searched: the oldest bytes are there, and this must not cost a walk over a whole
+    // window.
+    const flight& sent = l->in_flight();
+    const uint64_t stop = std::min(sent.next_id(), sent.oldest_id() + 64);
+    for (uint64_t datagram = sent.oldest_id(); datagram != stop; ++datagram) {
+        const transmission* record = sent.find(datagram);
+        if (record->state != fate::in_flight || record->what != content::chunk) {
+            continue;
+        }
+        const stream* s = find(record->stream);
+        const range part = s == nullptr ? range{} : s->send.still_needed(record->part);
+        if (!part.empty()) {
+            auto out = chunk_of(*s, part, room);
+            if (out) {
+                out->is_copy = true;
+            }
+            return out;
+        }
+    }
+    return std::nullopt;
+}
+
+bool bundle::has_more(lane_id id) const {
+    const lane* l = find_lane(id);
+    if (l == nullptr || l->suspect()) {
+        return false;
+    }
+    return window_dirty_ || streams_dirty_[0] || streams_dirty_[1] || !stream_windows_dirty_.empty() ||
+           !resend_.empty() || (!fresh_.empty() && fresh_.front()->send.has_fresh(connection_room()));
+}
+
+uint64_t bundle::next_id(lane_id id) const {
+    const lane* l = find_lane(id);
+    return l == nullptr ? 0 : l->in_flight().next_id();
+}
+
+// --- what became of it ---
+
+void bundle::sent(lane_id id, const outgoing& datagram, instant now) {
+    lane* l = lane_of(id);
+    if (l == nullptr) {
+        return;
+    }
+    transmission record = datagram.record;
+    record.state = fate::in_flight;
+    record.sent_at = now;
+    l->sent(record, now);
+    switch (record.what) {
+        case content::probe:
+            break;
+        case content::window:
+            window_dirty_ = false;
+            break;
+        case content::streams:
+            streams_dirty_[record.stream] = false;
+            break;
+        case content::stream_window:
+            stream_windows_dirty_.pop_front();
+            if (stream* s = find(record.stream)) {
+                s->window_dirty = false;
+            }
+            break;
+        case content::chunk:
+            if (stream* s = find(record.stream)) {
+                chunk_sent(*l, *s, datagram);
+            }
+            break;
+    }
+}
+
+void bundle::chunk_sent(lane& l, stream& s, const outgoing& datagram) {
+    const range part = datagram.record.part;
+    const uint64_t bytes = datagram.body.bytes;
+    if (datagram.is_copy) {
+        l.counters().bytes_resent += bytes;
+        s.send.mark_resent(part);
+        note_resend(s);
+        if (s.in_resend) {
+            resend_.splice(resend_.end(), resend_, *s.in_resend);
+        }
+        return;
+    }
+    s.send.mark_fresh_sent(part);
+    sent_total_ += bytes;
+    if (!sent_.empty() && sent_.back().stream == s.id) {
+        sent_.back().bytes += bytes;
+    } else {
+        sent_.push_back({s.id, bytes});
+    }
+    note_fresh(s);
+    if (s.in_fresh) {
+        fresh_.splice(fresh_.end(), fresh_, *s.in_fresh);
+    }
+}
+
+void bundle::acknowledged(lane_id id, uint64_t datagram, instant now) {
+    lane* l = lane_of(id);
+    if (l == nullptr || datagram >= l->in_flight().next_id()) {
+        return;
+    }
+    l->answered(now);
+    l->note_acknowledged(datagram);
+    transmission* found = l->in_flight().find(datagram);
+    if (found == nullptr || found->state == fate::resolved) {
+        return;
+    }
+    const transmission record = *found;
+    if (record.state == fate::late) {
+        --l->counters().datagrams_lost;
+    }
+    l->in_flight().set(*found, fate::resolved);
+    if (record.what != content::chunk) {
+        return;
+    }
+    stream* s = find(record.stream);
+    if (s == nullptr) {
+        return;
+    }
+    s->send.acknowledge(record.part);
+    note_resend(*s);
+    if (preface_stream_ == s->id && !preface_open_ && s->send.acknowledged_prefix() >= preface_length_) {
+        preface_done_ = true;
+    }
+    if (s->send.done()) {
+        retire_if_over(*s);
+    }
+}
+
+void bundle::lost(lane_id id, uint64_t datagram, instant now) {
+    lane* l = lane_of(id);
+    if (l == nullptr) {
+        return;
+    }
+    transmission* record = l->in_flight().find(datagram);
+    if (record == nullptr || record->state == fate::resolved || record->state == fate::late) {
+        return;
+    }
+    if (record->state == fate::moved) {
+        l->in_flight().set(*record, fate::resolved);
+        return;
+    }
+    ++l->counters().datagrams_lost;
+    l->in_flight().set(*record, fate::late);
+    l->declared_lost(datagram, now);
+}
+
+}  // namespace tndm::core

@@ -1,0 +1,49 @@
+#include "platform/tndm/core/lane.h"
+
+namespace tndm::core {
+
+void lane::sent(const transmission& record, instant now) {
+    if (flight_.outstanding() == 0 && !suspect_) {
+        waiting_since_ = now;
+    }
+    flight_.add(record);
+    last_sent_ = now;
+}
+
+void lane::answered(instant now) {
+    waiting_since_ = now;
+    suspect_ = false;
+    probe_refused_ = false;
+}
+
+void lane::declared_lost(uint64_t id, instant now) {
+    late_.push_back({id, now + rtt_ / 4});
+}
+
+instant lane::probe_at() const {
+    if (suspect_) {
+        return last_sent_ + std::max<duration>(std::chrono::milliseconds(100), silence() / 8);
+    }
+    return heartbeat_ > duration::zero() && flight_.outstanding() == 0 ? last_sent_ + heartbeat_ : never;
+}
+
+instant lane::forgotten_at() const {
+    if (suspect_ || flight_.empty() || flight_.oldest_id() >= highest_acknowledged_) {
+        return never;
+    }
+    const transmission* oldest = flight_.find(flight_.oldest_id());
+    return oldest->sent_at + 4 * silence();
+}
+
+instant lane::next_deadline() const {
+    instant deadline = std::min({silence_at(), probe_at(), forgotten_at()});
+    if (!late_.empty()) {
+        deadline = std::min(deadline, late_.front().due);
+    }
+    if (suspect_ && !probe_refused_) {
+        deadline = std::min(deadline, waiting_since_ + std::chrono::seconds(5));
+    }
+    return deadline;
+}
+
+}  // namespace tndm::core
