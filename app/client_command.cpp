@@ -1,0 +1,157 @@
+#include "app/client_command.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <optional>
+#include <vector>
+
+#include "app/failure.h"
+#include "app/listener.h"
+#include "app/main_loop.h"
+#include "app/secret_file.h"
+#include "gateway/client_context.h"
+#include "link/link.h"
+
+namespace tandem::app {
+namespace {
+
+options_t to_options(const client_command_t& command) {
+    options_t options;
+    options.server_host = command.server.host;
+    options.server_port = command.server.port;
+    options.client_text = command.trust;
+    options.alpn = command.link.alpn;
+    options.congestion_control = command.link.congestion;
+    return options;
+}
+
+identity_t to_identity(const client_command_t& command) {
+    char machine[256] = {};
+    if (gethostname(machine, sizeof(machine) - 1) != 0) machine[0] = 0;
+    return {"default", read_secret_file(command.link.secret_file), "tandem/" TANDEM_VERSION, machine};
+}
+
+// One run of the client. Everything happens on the main thread: the observer's calls and the problems come from inside
+// run().
+class client_t : private client_observer_t {
+  public:
+    client_t(const client_command_t& command, const standard_streams_t& streams);
+    client_t(const client_t&) = delete;
+    client_t& operator=(const client_t&) = delete;
+
+    int run();
+
+  private:
+    void on_authorized() override;
+    void on_refused(int code, const std::string& message) override;
+    void on_disconnected(bool was_authorized) override;
+    void on_problem(int problem, const std::string& text);
+    void fail(const std::string& line);
+    void say(const std::string& line) const { fprintf(streams_.err(), "tandem client: %s\n", line.c_str()); }
+    void start();
+
+    const client_command_t& command_;
+    const standard_streams_t& streams_;
+    const identity_t identity_;
+    std::vector<listener_t> listeners_;
+    std::vector<listening_forward_t> forwards_;
+    bool was_authorized_ = false;    // ever
+    bool reported_problem_ = false;  // since the last time that the server let us in
+    bool stopping_ = false;
+    std::optional<std::string> failure_;
+    // The link ends before the loop, and both before what their callbacks use.
+    main_loop_t loop_;
+    link_t link_;
+};
+
+client_t::client_t(const client_command_t& command, const standard_streams_t& streams)
+    : command_(command), streams_(streams), identity_(to_identity(command)) {
+    for (const tcp_forward_t& forward : command.forwards) {
+        listeners_.emplace_back(forward.listen);
+        forwards_.push_back({listeners_.back().socket.fd(), forward.target.host, forward.target.port});
+    }
+}
+
+void client_t::start() {
+    link_.register_connection_context_factory([this](void*, void*, const std::string&) {
+        return std::make_shared<client_context_t>(loop_.get(), identity_, forwards_, *this);
+    });
+    link_.set_problem_handler([this](int problem, const std::string& text) { on_problem(problem, text); });
+    if (link_.create(to_options(command_), loop_.get()) != 0) {
+        throw failure_t("cannot start the link to " + command_.server.text() +
+                        "; the messages above or in the log file say why");
+    }
+    for (const std::string& path : command_.paths) {
+        if (link_.path_add(path.c_str()) != 0) {
+            throw failure_t("--path: cannot use " + path + "; give a local address or the name of an interface");
+        }
+    }
+}
+
+int client_t::run() {
+    start();
+    loop_.run();
+    stopping_ = true;
+    link_.destroy();
+    if (failure_) throw failure_t(*failure_);
+    return exit_ok;
+}
+
+void client_t::on_authorized() {
+    reported_problem_ = false;
+    if (was_authorized_) {
+        fprintf(streams_.out(), "reconnected\n");
+        return;
+    }
+    was_authorized_ = true;
+    for (size_t i = 0; i < listeners_.size(); ++i) {
+        fprintf(streams_.out(), "forwarding tcp %s -> %s\n", listeners_[i].where.text().c_str(),
+                command_.forwards[i].target.text().c_str());
+    }
+}
+
+void client_t::on_refused(int code, const std::string& message) {
+    const std::string reason = message.empty() ? "code " + std::to_string(code) : printable(message);
+    fail("the server refused this client (" + reason + "); give --secret the same line as the server's");
+}
+
+void client_t::on_disconnected(bool was_authorized) {
+    if (was_authorized && !stopping_) say("the connection is lost; connecting again");
+}
+
+void client_t::on_problem(int problem, const std::string& text) {
+    const std::string what = printable(text);
+    const std::string server = command_.server.text();
+    // What would have been wrong from the start is the user's to mend; a link that has worked is kept alive whatever
+    // happens to it.
+    if (!was_authorized_ && problem == TNDM_PROBLEM_CERTIFICATE) {
+        return fail("the certificate of " + server + " is not trusted (" + what +
+                    "); give --trust the pin that `tandem cert` printed there");
+    }
+    if (!was_authorized_ && problem == TNDM_PROBLEM_NAME) {
+        return fail("the server's name " + command_.server.host + " does not resolve (" + what +
+                    "); correct it, or give an address");
+    }
+    if (!was_authorized_ && problem == TNDM_PROBLEM_REFUSED) {
+        return fail("the server " + server + " does not take this connection (" + what +
+                    "); see that --alpn is the same on both ends");
+    }
+    if (reported_problem_) return;
+    reported_problem_ = true;
+    say("no connection to " + server + " (" + what + "); trying on");
+}
+
+void client_t::fail(const std::string& line) {
+    if (!failure_) failure_ = line;
+    loop_.stop();
+}
+
+}  // namespace
+
+int run_client(const client_command_t& command, const standard_streams_t& streams) {
+    client_t client(command, streams);
+    return client.run();
+}
+
+}  // namespace tandem::app

@@ -1,0 +1,173 @@
+#include "app/command_line.h"
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+
+#include "app/certificate.h"
+#include "app/failure.h"
+#include "app/trust.h"
+
+namespace tandem::app {
+namespace {
+
+constexpr size_t longest_path = 127;  // what a path record can hold
+constexpr size_t longest_alpn = 255;
+
+// The values as they were typed.
+struct typed_t {
+    server_command_t server;
+    client_command_t client;
+    cert_command_t cert;
+    std::string host;
+    std::string listen = std::to_string(default_port);
+    std::vector<std::string> forwards;
+};
+
+void add_link_options(CLI::App& command, link_settings_t& link) {
+    command
+        .add_option("--secret", link.secret_file, "File of one line, readable by this user only, the same on both ends")
+        ->required()
+        ->type_name("FILE");
+    command.add_option("--alpn", link.alpn, "Protocol name, the same on both ends")
+        ->capture_default_str()
+        ->type_name("TEXT");
+    command.add_option("--congestion", link.congestion, "Congestion control: reno, cubic, bbr or bbr1")
+        ->capture_default_str()
+        ->type_name("NAME");
+    command
+        .add_option("--log", link.log_file, "Append the library's messages to this file (otherwise: standard error)")
+        ->type_name("FILE");
+}
+
+CLI::App* add_server(CLI::App& app, typed_t& typed) {
+    CLI::App* command = app.add_subcommand("server", "Accept clients and connect them to what they forward to");
+    command->add_option("--cert", typed.server.cert_file, "Certificate (PEM)")->required()->type_name("FILE");
+    command->add_option("--key", typed.server.key_file, "The certificate's private key (PEM)")
+        ->required()
+        ->type_name("FILE");
+    command->add_option("--listen", typed.listen, "UDP port")->capture_default_str()->type_name("PORT");
+    add_link_options(*command, typed.server.link);
+    return command;
+}
+
+CLI::App* add_client(CLI::App& app, typed_t& typed) {
+    CLI::App* command = app.add_subcommand("client", "Connect to a server and forward TCP ports to its side");
+    command->add_option("server", typed.host, "The server, HOST[:PORT] or [V6][:PORT]")
+        ->required()
+        ->type_name("HOST[:PORT]");
+    command->add_option("--path", typed.client.paths, "A local address or interface to use; repeat it to bond several")
+        ->required()
+        ->expected(1)
+        ->take_all()
+        ->type_name("PATH");
+    command->add_option("--tcp", typed.forwards, "Listen on [ADDR:]PORT here, connect to HOST:PORT from the server")
+        ->required()
+        ->expected(1)
+        ->take_all()
+        ->type_name("[ADDR:]PORT=HOST:PORT");
+    command
+        ->add_option("--trust", typed.client.trust,
+                     "How to know the server: pin:HEX, ca:FILE, name:TEXT, insecure:yes, parted by ';'")
+        ->type_name("TEXT");
+    add_link_options(*command, typed.client.link);
+    return command;
+}
+
+CLI::App* add_cert(CLI::App& app, typed_t& typed) {
+    CLI::App* command = app.add_subcommand("cert", "Make a key and a self-signed certificate for a server");
+    command->add_option("--out", typed.cert.directory, "Directory for cert.pem and key.pem")
+        ->required()
+        ->type_name("DIR");
+    command->add_option("--name", typed.cert.names, "A host name or address of the server; repeat it for several")
+        ->expected(1)
+        ->take_all()
+        ->type_name("HOST");
+    return command;
+}
+
+void check_link(const link_settings_t& link) {
+    static constexpr const char* known[] = {"reno", "cubic", "bbr", "bbr1"};
+    if (std::find(std::begin(known), std::end(known), link.congestion) == std::end(known)) {
+        throw bad_value("--congestion", link.congestion, "choose reno, cubic, bbr or bbr1");
+    }
+    if (link.alpn.empty() || link.alpn.size() > longest_alpn)
+        throw bad_value("--alpn", link.alpn, "give 1 to 255 bytes");
+}
+
+server_command_t checked_server(typed_t& typed) {
+    check_link(typed.server.link);
+    const auto port = parse_port(typed.listen);
+    if (!port) throw bad_value("--listen", typed.listen, "give a UDP port from 1 to 65535");
+    typed.server.listen_port = *port;
+    return typed.server;
+}
+
+void check_paths(const std::vector<std::string>& paths) {
+    for (auto path = paths.begin(); path != paths.end(); ++path) {
+        const bool plain = std::all_of(path->begin(), path->end(), [](char c) { return c > ' ' && c < 0x7f; });
+        if (path->empty() || path->size() > longest_path || !plain) {
+            throw bad_value("--path", *path,
+                            "give a local address or the name of an interface, for example 192.168.1.10 or eth0");
+        }
+        if (std::find(paths.begin(), path, *path) != path)
+            throw bad_value("--path", *path, "is given twice; name each path once");
+    }
+}
+
+client_command_t checked_client(typed_t& typed) {
+    client_command_t& client = typed.client;
+    check_link(client.link);
+    const auto server = parse_endpoint(typed.host, default_port);
+    if (!server)
+        throw bad_value("server", typed.host, "write HOST, HOST:PORT or [V6]:PORT, for example gateway.example:14002");
+    client.server = *server;
+    check_paths(client.paths);
+    for (const std::string& text : typed.forwards) {
+        const auto forward = parse_tcp_forward(text);
+        if (!forward) throw bad_value("--tcp", text, "write [ADDR:]PORT=HOST:PORT, for example 8080=127.0.0.1:80");
+        client.forwards.push_back(*forward);
+    }
+    if (const std::string fault = trust_fault(client.trust); !fault.empty())
+        throw bad_value("--trust", client.trust, fault);
+    return client;
+}
+
+cert_command_t checked_cert(const typed_t& typed) {
+    if (typed.cert.directory.empty()) throw bad_value("--out", "", "give a directory");
+    for (const std::string& name : typed.cert.names) {
+        if (!is_certificate_name(name)) throw bad_value("--name", name, "give a host name or a numeric address");
+    }
+    return typed.cert;
+}
+
+std::string first_line(const std::string& text) {
+    return printable(text.substr(0, text.find('\n')), 400);
+}
+
+}  // namespace
+
+command_t parse_command_line(int argc, const char* const* argv) {
+    typed_t typed;
+    CLI::App app("Carries TCP connections over an encrypted link that uses several network paths at once.", "tandem");
+    app.set_version_flag("--version", "tandem " TANDEM_VERSION);
+    app.require_subcommand(1);
+    const CLI::App* server = add_server(app, typed);
+    const CLI::App* client = add_client(app, typed);
+    add_cert(app, typed);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        return show_text_t{app.help()};
+    } catch (const CLI::CallForVersion& version) {
+        return show_text_t{std::string(version.what()) + "\n"};
+    } catch (const CLI::ParseError& error) {
+        const auto chosen = app.get_subcommands();
+        const std::string help = chosen.empty() ? "tandem --help" : "tandem " + chosen.front()->get_name() + " --help";
+        throw failure_t(first_line(error.what()) + "; see " + help, exit_usage);
+    }
+    if (server->parsed()) return checked_server(typed);
+    if (client->parsed()) return checked_client(typed);
+    return checked_cert(typed);
+}
+
+}  // namespace tandem::app

@@ -1,0 +1,55 @@
+#ifndef TANDEM_APP_COMMAND_LINE_H
+#define TANDEM_APP_COMMAND_LINE_H
+
+#include <cstdint>
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "app/endpoint.h"
+
+namespace tandem::app {
+
+inline constexpr uint16_t default_port = 14002;
+
+// What server and client have in common.
+struct link_settings_t {
+    std::string secret_file;
+    std::string alpn = "tndm";
+    std::string congestion = "bbr";
+    std::string log_file;  // empty: standard error
+};
+
+struct server_command_t {
+    link_settings_t link;
+    std::string cert_file;
+    std::string key_file;
+    uint16_t listen_port = default_port;
+};
+
+struct client_command_t {
+    link_settings_t link;
+    endpoint_t server;
+    std::vector<std::string> paths;
+    std::vector<tcp_forward_t> forwards;
+    std::string trust;
+};
+
+struct cert_command_t {
+    std::string directory;
+    std::vector<std::string> names;  // none: this machine's name
+};
+
+// Help or version: `text` is for standard output, and nothing else is to be done.
+struct show_text_t {
+    std::string text;
+};
+
+using command_t = std::variant<show_text_t, server_command_t, client_command_t, cert_command_t>;
+
+// Every value of the result has been checked for form. Throws failure_t (exit code 2).
+command_t parse_command_line(int argc, const char* const* argv);
+
+}  // namespace tandem::app
+
+#endif  // TANDEM_APP_COMMAND_LINE_H

@@ -1,0 +1,68 @@
+#include "app/server_command.h"
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "app/certificate.h"
+#include "app/failure.h"
+#include "app/file.h"
+#include "app/main_loop.h"
+#include "app/secret_file.h"
+#include "gateway/gateway_context.h"
+#include "link/link.h"
+
+namespace tandem::app {
+namespace {
+
+options_t to_options(const server_command_t& command) {
+    options_t options;
+    options.is_server = 1;
+    options.cert = command.cert_file;
+    options.key = command.key_file;
+    options.listen_port = command.listen_port;
+    options.alpn = command.link.alpn;
+    options.congestion_control = command.link.congestion;
+    return options;
+}
+
+// Why the link could not be made. Certificate and key have been checked, so it is mostly the port, which the link does
+// not say.
+failure_t explain_failure(const server_command_t& command) {
+    const file_t probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in any{};
+    any.sin_family = AF_INET;
+    any.sin_port = htons(command.listen_port);
+    const std::string port = std::to_string(command.listen_port);
+    if (!probe || bind(probe.fd(), reinterpret_cast<const sockaddr*>(&any), sizeof(any)) == 0) {
+        return failure_t("cannot start on UDP port " + port + "; the messages above or in the log file say why");
+    }
+    const char* cure = errno == EADDRINUSE ? "choose another port, or end the program that has this one"
+                                           : "choose a port above 1023, or run as root";
+    return failure_t("--listen: cannot use UDP port " + port + " (" + strerror(errno) + "); " + cure);
+}
+
+}  // namespace
+
+int run_server(const server_command_t& command, const standard_streams_t& streams) {
+    const auto authorizer = std::make_shared<secret_authorizer_t>(read_secret_file(command.link.secret_file));
+    check_key_pair(command.cert_file, command.key_file);
+
+    main_loop_t loop;
+    link_t link;
+    link.register_connection_context_factory([&loop, &authorizer](void*, void*, const std::string&) {
+        return std::make_shared<gateway_context_t>(loop.get(), authorizer);
+    });
+    if (link.create(to_options(command), loop.get()) != 0) {
+        link.destroy();
+        throw explain_failure(command);
+    }
+    fprintf(streams.out(), "listening on UDP port %u\n", unsigned{command.listen_port});
+    loop.run();
+    link.destroy();
+    return exit_ok;
+}
+
+}  // namespace tandem::app

@@ -1,0 +1,66 @@
+#ifndef TANDEM_GATEWAY_CLIENT_CONTEXT_H
+#define TANDEM_GATEWAY_CLIENT_CONTEXT_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "forward/advanced_connection_context.h"
+#include "gateway/deadline.h"
+
+namespace tandem {
+
+// What a client presents in the handshake.
+struct identity_t {
+    std::string id;
+    std::string credential;
+    std::string software;
+    std::string machine;
+};
+
+// A listening socket of the application's and what its connections are carried to.
+struct listening_forward_t {
+    int fd;
+    std::string target_host;
+    uint16_t target_port;
+};
+
+// Hears what becomes of a client's connections, on the link's loop thread. Outlives the link.
+class client_observer_t {
+  public:
+    virtual ~client_observer_t() = default;
+
+    // The server has let this client in, and the forwards are being opened.
+    virtual void on_authorized() = 0;
+    // The server has refused this client and closes the connection. `message` is the server's: not to be printed as it
+    // is.
+    virtual void on_refused(int code, const std::string& message) = 0;
+    // A connection is gone, authorised or not; the transport makes the next one by itself.
+    virtual void on_disconnected(bool was_authorized) = 0;
+};
+
+// The client's side of one connection. Once authorised it serves the application's listening sockets with lossless
+// forwarding. The sockets stay the application's, so that the next connection takes them up where this one left them.
+// The server cannot open a stream here: every stream that this side did not open is ended. A server that does not
+// answer the handshake within `answer_within_us` loses the connection.
+class client_context_t : public advanced_connection_context_t {
+  public:
+    static constexpr uint64_t answer_within_us = 15'000'000;
+
+    client_context_t(st_tloop_t* loop, const identity_t& identity, std::vector<listening_forward_t> forwards,
+                     client_observer_t& observer);
+
+    void on_authorize_acked(int code, const std::string& message) override;
+    std::shared_ptr<packet_t> on_external_analyse_stream_packet(uint64_t stream_id, std::shared_ptr<packet_t> packet,
+                                                                bool skip, int fin, bool& handled) override;
+    void on_destroy() override;
+
+  private:
+    std::vector<listening_forward_t> forwards_;
+    client_observer_t& observer_;
+    deadline_t deadline_;
+};
+
+}  // namespace tandem
+
+#endif  // TANDEM_GATEWAY_CLIENT_CONTEXT_H
