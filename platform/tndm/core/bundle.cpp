@@ -29,7 +29,7 @@ bool bundle::queue(uint64_t stream_id, buffer&& bytes, bool last) {
     if (!s->sends || s->send.finished()) {
         return false;
     }
-    if (preface_open_) {
+    if (preface_open_ && (bytes.size() != 0 || last)) {
         if (!preface_stream_) {
             preface_stream_ = stream_id;
         }
@@ -55,6 +55,7 @@ void bundle::pause(uint64_t stream_id, bool paused, instant now) {
     s->paused = paused;
     if (paused) {
         paused_ready_ += s->receive.ready();
+        grant_connection(now);
     } else {
         paused_ready_ -= s->receive.ready();
         make_ready(*s);
@@ -169,9 +170,9 @@ void bundle::set_heartbeat(duration interval) {
     }
 }
 
-void bundle::probe_refused(lane_id id) {
+void bundle::probe_refused(lane_id id, instant now) {
     if (lane* l = lane_of(id)) {
-        l->probe_refused();
+        l->probe_refused(now);
     }
 }
 
@@ -200,6 +201,7 @@ void bundle::on_time(instant now) {
         if (now >= l.silence_at()) {
             fall_silent(l, now);
         }
+        l.on_time(now);
         auto& late_ones = l.late_ones();
         while (!late_ones.empty() && late_ones.front().due <= now) {
             transmission* record = l.in_flight().find(late_ones.front().id);

@@ -97,7 +97,7 @@ class bundle {
     void received(std::span<const uint8_t> datagram, instant now);
     void acknowledged(lane_id id, uint64_t datagram, instant now);
     void lost(lane_id id, uint64_t datagram, instant now);
-    void probe_refused(lane_id id);
+    void probe_refused(lane_id id, instant now);
     // Null for an id that is not (or no more) a lane.
     const lane* find_lane(lane_id id) const;
     size_t lane_count() const { return lanes_.size(); }
@@ -191,6 +191,7 @@ class bundle {
     std::optional<outgoing> chunk_of(const stream& s, range part, size_t room) const;
     void chunk_sent(lane& l, stream& s, const outgoing& datagram);
     std::optional<wire::preface> preface_for(const stream& s) const;
+    const stream* unsent_preface() const;
     bool too_slow_for(const lane& l, instant waiting_since, instant now);
     uint64_t connection_room() const { return peer_window_ > sent_total_ ? peer_window_ - sent_total_ : 0; }
 

@@ -154,7 +154,11 @@ bool bundle::too_slow_for(const lane& l, instant waiting_since, instant now) {
 
 std::optional<outgoing> bundle::next_fresh(size_t room) {
     const uint64_t allowed = connection_room();
-    for (stream* s : fresh_) {
+    const stream* first = unsent_preface();
+    for (const stream* s : fresh_) {
+        if (first != nullptr && s != first) {
+            continue;
+        }
         const range part = s->send.fresh(room, allowed);
         if (part.empty()) {
             continue;  // only the connection's window holds it back
@@ -162,6 +166,16 @@ std::optional<outgoing> bundle::next_fresh(size_t room) {
         return chunk_of(*s, part, room);
     }
     return std::nullopt;
+}
+
+// The first stream, while bytes of it are unsent that the peer must deliver before anything else: other streams' bytes
+// could only lie there, in window that the first stream needs.
+const bundle::stream* bundle::unsent_preface() const {
+    if (preface_done_ || preface_open_ || !preface_stream_) {
+        return nullptr;
+    }
+    const stream* first = find(*preface_stream_);
+    return first != nullptr && first->send.first_unsent() < preface_length_ ? first : nullptr;
 }
 
 std::optional<wire::preface> bundle::preface_for(const stream& s) const {
@@ -230,8 +244,12 @@ bool bundle::has_more(lane_id id) const {
     if (l == nullptr || l->suspect()) {
         return false;
     }
-    return window_dirty_ || streams_dirty_[0] || streams_dirty_[1] || !stream_windows_dirty_.empty() ||
-           !resend_.empty() || (!fresh_.empty() && fresh_.front()->send.has_fresh(connection_room()));
+    if (window_dirty_ || streams_dirty_[0] || streams_dirty_[1] || !stream_windows_dirty_.empty() || !resend_.empty()) {
+        return true;
+    }
+    const stream* first = unsent_preface();
+    const stream* turn = first != nullptr ? first : fresh_.empty() ? nullptr : fresh_.front();
+    return turn != nullptr && turn->send.has_fresh(connection_room());
 }
 
 uint64_t bundle::next_id(lane_id id) const {

@@ -14,6 +14,7 @@ void lane::answered(instant now) {
     waiting_since_ = now;
     suspect_ = false;
     probe_refused_ = false;
+    overdue_ = false;
 }
 
 void lane::declared_lost(uint64_t id, instant now) {
@@ -22,7 +23,7 @@ void lane::declared_lost(uint64_t id, instant now) {
 
 instant lane::probe_at() const {
     if (suspect_) {
-        return last_sent_ + std::max<duration>(std::chrono::milliseconds(100), silence() / 8);
+        return std::max(last_sent_, last_try_) + std::max<duration>(std::chrono::milliseconds(100), silence() / 8);
     }
     return heartbeat_ > duration::zero() && flight_.outstanding() == 0 ? last_sent_ + heartbeat_ : never;
 }
@@ -40,8 +41,8 @@ instant lane::next_deadline() const {
     if (!late_.empty()) {
         deadline = std::min(deadline, late_.front().due);
     }
-    if (suspect_ && !probe_refused_) {
-        deadline = std::min(deadline, waiting_since_ + std::chrono::seconds(5));
+    if (suspect_ && !overdue_) {
+        deadline = std::min(deadline, waiting_since_ + overdue_after);
     }
     return deadline;
 }

@@ -53,11 +53,16 @@ class lane {
 
     // A probe should go out now: the lane is suspect, or idle for a heartbeat.
     bool probe_due(instant now) const { return now >= probe_at(); }
-    // The carrier had no room even for a probe.
-    void probe_refused() { probe_refused_ = suspect_; }
+    // The carrier had no room even for a probe: it is asked again after a while.
+    void probe_refused(instant now) {
+        probe_refused_ = suspect_;
+        last_try_ = now;
+    }
+    // A deadline has come.
+    void on_time(instant now) { overdue_ = suspect_ && now - waiting_since_ >= overdue_after; }
     // Waiting for this carrier's own back-off takes too long: open another beside it.
     bool wants_fresh_carrier(instant now) const {
-        return suspect_ && (probe_refused_ || now - waiting_since_ > std::chrono::seconds(5));
+        return suspect_ && (probe_refused_ || now - waiting_since_ >= overdue_after);
     }
     // Nothing has been heard since then although something is under way.
     instant waiting_since() const { return waiting_since_; }
@@ -81,6 +86,8 @@ class lane {
     lane_counters& counters() { return counters_; }
 
   private:
+    static constexpr duration overdue_after = std::chrono::seconds(5);
+
     instant probe_at() const;
 
     lane_id id_;
@@ -91,8 +98,10 @@ class lane {
     duration heartbeat_{0};  // 0: none
     bool suspect_ = false;
     bool probe_refused_ = false;
+    bool overdue_ = false;  // silent for `overdue_after`, and the driver has had the chance to see it
     instant waiting_since_;
     instant last_sent_;
+    instant last_try_{};  // of a probe that was refused
     uint64_t highest_acknowledged_ = 0;
     lane_counters counters_;
 };

@@ -39,6 +39,8 @@ class send_stream {
 
     void raise_limit(uint64_t limit) { limit_ = limit > limit_ ? limit : limit_; }
 
+    // The first offset that was never sent.
+    uint64_t first_unsent() const { return next_; }
     // Bytes queued and never sent.
     uint64_t unsent() const { return end_ > next_ ? end_ - next_ : 0; }
     // Whether there is anything new that may go out while the connection lets us send `room` more bytes.
