@@ -162,8 +162,11 @@ command_t parse_command_line(int argc, const char* const* argv) {
         return show_text_t{std::string(version.what()) + "\n"};
     } catch (const CLI::ParseError& error) {
         const auto chosen = app.get_subcommands();
-        const std::string help = chosen.empty() ? "tandem --help" : "tandem " + chosen.front()->get_name() + " --help";
-        throw failure_t(first_line(error.what()) + "; see " + help, exit_usage);
+        if (!chosen.empty()) {
+            throw failure_t(first_line(error.what()) + "; see tandem " + chosen.front()->get_name() + " --help",
+                            exit_usage);
+        }
+        throw bad_value("command", argc > 1 ? argv[1] : "", "give server, client or cert; see tandem --help");
     }
     if (server->parsed()) return checked_server(typed);
     if (client->parsed()) return checked_client(typed);
