@@ -118,9 +118,9 @@ class TANDEM_API connection_context_t {
     std::function<void(uint64_t stream_id)> writable_handler_;
 
   private:
-    bool accept_marker(uint64_t stream_id, const packet_t& packet);
+    void accept_marker(uint64_t stream_id, const packet_t& packet);
     bool dispatch(uint64_t stream_id, const std::shared_ptr<packet_t>& packet, bool skip, int fin, uint32_t remaining);
-    bool take_packets(uint64_t stream_id, const uint8_t* data, uint32_t len, int fin);
+    void take_packets(uint64_t stream_id, const uint8_t* data, uint32_t len, int fin);
 };
 
 }  // namespace tandem

@@ -84,10 +84,11 @@ class TANDEM_API link_t {
     bool start_loop_thread();
     void register_further_callbacks();
     void close_contexts();
+    void forget_contexts();
     void stop_own_loop();
     context_ptr find_context(void* connection);
-    context_ptr find_or_make_context(void* connection, std::string& key);
-    void open_control_stream(const context_ptr& context, void* connection);
+    context_ptr find_or_make_context(void* instance, void* connection, std::string& key);
+    static void open_control_stream(connection_context_t& context, void* instance, void* connection);
 
     std::map<void*, context_ptr> contexts_;
     std::map<std::string, factory_t> factories_;
