@@ -96,6 +96,15 @@ void tls_session::attach(ngtcp2_conn* connection) {
     ngtcp2_conn_set_tls_native_handle(connection, session_);
 }
 
+int tls_session::receive_crypto_data(ngtcp2_conn* connection, ngtcp2_crypto_level level, uint64_t offset,
+                                     const uint8_t* data, size_t size, void* user_data) {
+    if (ngtcp2_conn_get_handshake_completed(connection)) {
+        ngtcp2_conn_set_tls_alert(connection, GNUTLS_A_UNEXPECTED_MESSAGE);
+        return NGTCP2_ERR_CRYPTO;
+    }
+    return ngtcp2_crypto_recv_crypto_data_cb(connection, level, offset, data, size, user_data);
+}
+
 int tls_session::verify_peer(gnutls_session_t session) {
     tls_session& self = of(session);
     const auto problem = self.client_->judge().verify(session);

@@ -36,6 +36,13 @@ class tls_session {
     /* Makes `connection` and this session know each other: before the connection's first packet is read or written. */
     void attach(ngtcp2_conn* connection);
 
+    /* The `recv_crypto_data` callback of every connection, instead of ngtcp2_crypto_recv_crypto_data_cb: TLS messages
+     * that come after the handshake end the connection with "unexpected message" and never reach GnuTLS, because a
+     * KeyUpdate there (which QUIC forbids) makes it install keys a second time, which ngtcp2 answers with an assertion
+     * that ends the process. Nothing is lost: there are no session tickets here. */
+    static int receive_crypto_data(ngtcp2_conn* connection, ngtcp2_crypto_level level, uint64_t offset,
+                                   const uint8_t* data, size_t size, void* user_data);
+
     gnutls_session_t handle() const { return session_; }
     /* The protocol agreed on; empty before that, or when there is none. */
     std::string selected_alpn() const;
