@@ -34,7 +34,7 @@ identity_t to_identity(const client_command_t& command) {
 
 // One run of the client. Everything happens on the main thread: the observer's calls and the problems come from inside
 // run().
-class client_t : private client_observer_t {
+class client_t : public client_observer_t {
   public:
     client_t(const client_command_t& command, const standard_streams_t& streams);
     client_t(const client_t&) = delete;

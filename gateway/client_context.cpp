@@ -10,12 +10,12 @@ constexpr uint32_t longest_frame = 1 << 20;
 
 }  // namespace
 
-client_context_t::client_context_t(st_tloop_t* loop, const identity_t& identity,
-                                   std::vector<listening_forward_t> forwards, client_observer_t& observer)
-    : advanced_connection_context_t(loop, identity.id, identity.credential, identity.software, identity.machine),
-      forwards_(std::move(forwards)),
+client_context_t::client_context_t(st_tloop_t* link_loop, const identity_t& identity,
+                                   std::vector<listening_forward_t> to_forward, client_observer_t& observer)
+    : advanced_connection_context_t(link_loop, identity.id, identity.credential, identity.software, identity.machine),
+      to_forward_(std::move(to_forward)),
       observer_(observer),
-      deadline_(loop, answer_within_us, [this] { force_close(); }) {
+      deadline_(link_loop, answer_within_us, [this] { force_close(); }) {
     set_delivery(delivery_t::lossless);
     max_frame_length = longest_frame;
 }
@@ -27,7 +27,7 @@ void client_context_t::on_authorize_acked(int code, const std::string& message) 
         return;
     }
     // Only a later turn of the loop watches the sockets, when the base has marked the connection as authorised.
-    for (const listening_forward_t& forward : forwards_) {
+    for (const listening_forward_t& forward : to_forward_) {
         add_tcp_forward(forward.fd, forward.target_host, forward.target_port, true);
     }
     observer_.on_authorized();

@@ -47,7 +47,7 @@ class client_context_t : public advanced_connection_context_t {
   public:
     static constexpr uint64_t answer_within_us = 15'000'000;
 
-    client_context_t(st_tloop_t* loop, const identity_t& identity, std::vector<listening_forward_t> forwards,
+    client_context_t(st_tloop_t* link_loop, const identity_t& identity, std::vector<listening_forward_t> to_forward,
                      client_observer_t& observer);
 
     void on_authorize_acked(int code, const std::string& message) override;
@@ -56,7 +56,7 @@ class client_context_t : public advanced_connection_context_t {
     void on_destroy() override;
 
   private:
-    std::vector<listening_forward_t> forwards_;
+    std::vector<listening_forward_t> to_forward_;
     client_observer_t& observer_;
     deadline_t deadline_;
 };

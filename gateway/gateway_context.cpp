@@ -19,10 +19,10 @@ bool is_refusal_on_the_wire(int code) {
 
 }  // namespace
 
-gateway_context_t::gateway_context_t(st_tloop_t* loop, std::shared_ptr<authorizer_t> authorizer)
-    : advanced_connection_context_t(loop, "", "", "", ""),
+gateway_context_t::gateway_context_t(st_tloop_t* link_loop, std::shared_ptr<authorizer_t> authorizer)
+    : advanced_connection_context_t(link_loop, "", "", "", ""),
       authorizer_(std::move(authorizer)),
-      deadline_(loop, authorize_within_us, [this] { force_close(); }) {
+      deadline_(link_loop, authorize_within_us, [this] { force_close(); }) {
     set_delivery(delivery_t::lossless);
     max_frame_length = stranger_frame;
 }

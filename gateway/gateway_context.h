@@ -17,8 +17,8 @@ class gateway_context_t : public advanced_connection_context_t {
   public:
     static constexpr uint64_t authorize_within_us = 15'000'000;
 
-    // `loop` is the link's loop; `authorizer` is shared by the connections.
-    gateway_context_t(st_tloop_t* loop, std::shared_ptr<authorizer_t> authorizer);
+    // `link_loop` is the link's loop; `authorizer` is shared by the connections.
+    gateway_context_t(st_tloop_t* link_loop, std::shared_ptr<authorizer_t> authorizer);
 
     bool on_authorize(const std::string& id, const std::string& credential, const std::string& software,
                       const std::string& machine, int& code, std::string& message) override;
