@@ -84,10 +84,8 @@ std::unique_ptr<tls_session> tls_session::create_server(std::shared_ptr<const se
     const gnutls_session_t session = result->session_;
     if (failed(ngtcp2_crypto_gnutls_configure_server_session(session), "QUIC cannot be set up", error)) return nullptr;
     if (!result->offer_alpn(alpn, GNUTLS_ALPN_MANDATORY, error)) return nullptr;
-    /* "Mandatory" holds only for clients that send the extension at all; the hook refuses the others. */
-    if (!alpn.empty())
-        gnutls_handshake_set_hook_function(session, GNUTLS_HANDSHAKE_CLIENT_HELLO, GNUTLS_HOOK_POST,
-                                           after_client_hello);
+    gnutls_handshake_set_hook_function(session, GNUTLS_HANDSHAKE_CLIENT_HELLO, GNUTLS_HOOK_POST, after_client_hello);
+    result->alpn_required_ = !alpn.empty();
     return result;
 }
 
@@ -113,8 +111,14 @@ int tls_session::verify_peer(gnutls_session_t session) {
     return GNUTLS_E_CERTIFICATE_ERROR;
 }
 
+/* What neither library insists on for a client that leaves a whole extension out: the ALPN ("mandatory" concerns only
+ * clients that send some), and the QUIC transport parameters, without which ngtcp2's first packet would hit an
+ * assertion that ends the process. */
 int tls_session::after_client_hello(gnutls_session_t session, unsigned, unsigned, unsigned, const gnutls_datum_t*) {
-    return of(session).selected_alpn().empty() ? GNUTLS_E_NO_APPLICATION_PROTOCOL : 0;
+    const tls_session& self = of(session);
+    if (ngtcp2_conn_get_negotiated_version(self.connection_) == 0) return GNUTLS_E_MISSING_EXTENSION;
+    if (self.alpn_required_ && self.selected_alpn().empty()) return GNUTLS_E_NO_APPLICATION_PROTOCOL;
+    return 0;
 }
 
 std::string tls_session::selected_alpn() const {

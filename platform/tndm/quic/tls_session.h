@@ -66,6 +66,7 @@ class tls_session {
     gnutls_session_t session_ = nullptr;
     ngtcp2_conn* connection_ = nullptr;
     ngtcp2_crypto_conn_ref reference_{};
+    bool alpn_required_ = false;
     std::string certificate_error_;
 };
 
