@@ -1,0 +1,231 @@
+// Streams beside each other: order across them, turns, pauses, credit.
+#include "platform/tndm/core/wire.h"
+#include "tests/core/bundle_test.h"
+
+namespace tndm::sim {
+namespace {
+
+using stream = bundle_test;
+
+constexpr uint64_t megabyte = 1 << 20;
+
+// Loses the first `times` packets that carry bytes of the stream.
+std::function<std::optional<duration>(const packet&)> lose(uint64_t id, unsigned times) {
+    return [id, times](const packet& p) mutable -> std::optional<duration> {
+        const auto frame = core::wire::decode(p.datagram);
+        const auto* chunk = frame ? std::get_if<core::wire::chunk>(&*frame) : nullptr;
+        if (chunk != nullptr && chunk->stream == id && times != 0) {
+            --times;
+            return std::nullopt;
+        }
+        return duration{0};
+    };
+}
+
+void expect_first(const host& at, uint64_t first, uint64_t length) {
+    uint64_t seen = 0;
+    for (const host::event& e : at.log) {
+        if (e.stream == first) {
+            seen += e.bytes;
+        } else {
+            ASSERT_GE(seen, length) << "stream " << e.stream << " was delivered before stream " << first;
+        }
+    }
+}
+
+TEST_F(stream, what_was_queued_first_is_delivered_first_although_just_that_is_lost) {
+    for (unsigned times = 0; times < 5; ++times) {
+        start({{.delay = 10ms}, {.delay = 50ms}});
+        sim().back(0).hand = lose(1, times);
+        sim().back(1).hand = lose(1, times);
+        send(server(), 1, 3);
+        send(server(), 5, 200);
+        send(server(), 9, 20'000, true);
+        run_for(20ms);
+        send(server(), 13, 500);
+        run_until_done(10s);
+        expect_intact();
+        expect_first(client(), 1, 3);
+    }
+}
+
+TEST_F(stream, what_was_queued_first_is_delivered_first_although_just_that_is_late) {
+    start({{.delay = 10ms, .jitter = 30ms}, {.delay = 5ms}});
+    sim().forth(0).hand = [](const packet& p) { return std::optional<duration>(p.number < 3 ? 150ms : 0ms); };
+    send(client(), 0, 2000);
+    send(client(), 4, 300'000, true);
+    send(client(), 0, 50'000, true);
+    send(client(), 8, 10, true);
+    run_until_done(10s);
+    expect_intact();
+    expect_first(server(), 0, 2000);
+}
+
+// Streams that wait behind the first one must not use up the window that it needs.
+TEST_F(stream, a_first_stream_larger_than_every_window_still_comes_first) {
+    start({{.mbit = 400, .delay = 10ms, .loss = 0.01}});
+    send(client(), 0, 10 * megabyte);
+    for (uint64_t id = 4; id <= 32; id += 4) {
+        send(client(), id, 2 * megabyte, true);
+    }
+    send(client(), 0, megabyte, true);
+    run_until_done(30s);
+    expect_intact();
+    expect_first(server(), 0, 10 * megabyte);
+}
+
+TEST_F(stream, a_first_stream_opened_without_bytes_holds_nobody_back) {
+    start({{}});
+    send(client(), 0, 0);
+    send(client(), 4, 1000, true);
+    EXPECT_TRUE(sim().run_until([&] { return server().received[4].ended; }, 1s));
+    send(client(), 0, 10, true);
+    run_until_done(1s);
+    expect_intact();
+}
+
+TEST_F(stream, a_first_stream_that_is_only_an_end_holds_nobody_back) {
+    start({{.loss = 0.3}});
+    sim().finish(client(), 0);
+    send(client(), 4, 1000, true);
+    run_until_done(5s);
+    expect_intact();
+}
+
+TEST_F(stream, paused_holds_a_bounded_amount_and_the_others_go_on) {
+    start({{.mbit = 200, .delay = 10ms}});
+    send(client(), 0, 1000);
+    run_until_done(1s);
+    sim().pause(server(), 0, true);
+    send(client(), 0, 40 * megabyte, true);
+    send(client(), 4, 40 * megabyte, true);
+    EXPECT_TRUE(sim().run_until([&] { return server().received[4].ended; }, 10s));
+    EXPECT_EQ(server().received[0].bytes, 1000U);
+    // One stream's first window is all that is held: a paused stream is granted nothing more.
+    EXPECT_LE(server().bundle.bytes_held(), megabyte + 1000);
+    EXPECT_EQ(sim().complaint(), "");
+    sim().pause(server(), 0, false);
+    run_until_done(10s);
+    expect_intact();
+}
+
+TEST_F(stream, many_paused_ones_stop_at_the_allowance) {
+    options o;
+    o.server.paused_allowance = 4 << 20;
+    start({{.mbit = 400, .delay = 5ms}}, o);
+    for (uint64_t i = 0; i < 30; ++i) {
+        send(client(), 4 * i, 1);
+    }
+    run_until_done(1s);
+    for (uint64_t i = 0; i < 30; ++i) {
+        sim().pause(server(), 4 * i, true);
+        send(client(), 4 * i, 3 * megabyte, true);
+    }
+    run_for(5s);
+    EXPECT_LE(server().most_held, o.server.connection_window_max + o.server.paused_allowance);
+    // With the allowance spent nothing is granted any more: what is held is the first window and the allowance.
+    EXPECT_LE(server().bundle.bytes_held(), o.server.connection_window + o.server.paused_allowance + 100'000);
+    EXPECT_EQ(server().total_received, 30U);
+    for (uint64_t i = 0; i < 30; ++i) {
+        sim().pause(server(), 4 * i, false);
+    }
+    run_until_done(10s);
+    expect_intact();
+}
+
+TEST_F(stream, paused_and_resumed_at_random_loses_nothing) {
+    start({{.mbit = 100, .delay = 10ms, .loss = 0.02}});
+    for (uint64_t i = 0; i < 6; ++i) {
+        send(client(), 4 * i, 3 * megabyte, true);
+    }
+    dice d(11);
+    for (int i = 0; i < 400; ++i) {
+        sim().pause(server(), 4 * d.below(6), d.chance(0.6));
+        run_for(5ms);
+    }
+    for (uint64_t i = 0; i < 6; ++i) {
+        sim().pause(server(), 4 * i, false);
+    }
+    run_until_done(10s);
+    expect_intact();
+}
+
+TEST_F(stream, credit_comes_back_as_streams_end) {
+    start({{.mbit = 100, .delay = 5ms, .loss = 0.02}});
+    // Both ways and one way, opened in an order of their own: 0, 4, 8, ... and 2, 6, 10, ...
+    for (const uint64_t kind : {0U, 2U}) {
+        for (uint64_t i = 0; i < 1024; ++i) {
+            send(client(), 4 * i + kind, 10 + i % 7);
+        }
+        EXPECT_FALSE(sim().send(client(), 4096 + kind, 1));
+    }
+    run_until_done(5s);
+    EXPECT_FALSE(sim().send(client(), 4096, 1));
+    for (uint64_t i = 0; i < 1024; ++i) {
+        sim().finish(client(), 4 * i);
+        sim().finish(server(), 4 * i);
+        sim().finish(client(), 4 * i + 2);
+    }
+    run_until_done(5s);
+    run_for(500ms);
+    EXPECT_EQ(client().closed.size(), 2048U);
+    EXPECT_EQ(server().closed.size(), 2048U);
+    EXPECT_EQ(client().bundle.stream_credit(0), 2048U);
+    EXPECT_EQ(client().bundle.stream_credit(1), 2048U);
+    EXPECT_FALSE(sim().send(client(), 0, 1)) << "a stream that is over";
+    EXPECT_FALSE(sim().send(server(), 2, 1)) << "the peer's one-way stream";
+    for (uint64_t i = 1024; i < 2048; ++i) {
+        send(client(), 4 * i, 100, true);
+    }
+    EXPECT_FALSE(sim().send(client(), uint64_t{4} * 2048, 1));
+    run_until_done(5s);
+    expect_intact();
+}
+
+TEST_F(stream, small_ones_take_turns_with_a_large_one) {
+    start({{.mbit = 50, .delay = 10ms}});
+    send(client(), 0, 20 * megabyte, true);
+    run_for(500ms);
+    const instant from = sim().now();
+    for (uint64_t i = 1; i <= 100; ++i) {
+        send(client(), 4 * i, 20'000, true);
+    }
+    // 2 MB in all, half of the link for none of them: 17 chunks each, of 1700 + 1 in a round, behind one queue.
+    const auto small_done = [&] {
+        return std::all_of(server().received.begin(), server().received.end(),
+                           [](const auto& r) { return r.first == 0 || r.second.ended; });
+    };
+    run_for(100ms);
+    EXPECT_TRUE(sim().run_until([&] { return server().received.size() == 101 && small_done(); }, 1s));
+    EXPECT_LT(sim().now() - from, 700ms);
+    instant first = core::never;
+    instant last{};
+    for (uint64_t i = 1; i <= 100; ++i) {
+        first = std::min(first, server().received[4 * i].last_at);
+        last = std::max(last, server().received[4 * i].last_at);
+    }
+    EXPECT_LT(last - first, 100ms) << "equal streams end together";
+    run_until_done(20s);
+    expect_intact();
+}
+
+TEST_F(stream, an_end_without_bytes_needs_no_window) {
+    options o;
+    o.server.stream_window = 1000;
+    o.server.stream_window_max = 1000;
+    start({{}}, o);
+    send(client(), 0, 10);
+    run_until_done(1s);
+    sim().pause(server(), 0, true);
+    send(client(), 0, 990);
+    send(client(), 4, 1);
+    sim().finish(client(), 0);
+    run_for(500ms);
+    sim().pause(server(), 0, false);
+    run_until_done(1s);
+    expect_intact();
+    EXPECT_TRUE(server().received[0].ended);
+}
+
+}  // namespace
+}  // namespace tndm::sim
