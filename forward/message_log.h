@@ -1,0 +1,11 @@
+#ifndef TANDEM_FORWARD_MESSAGE_LOG_H
+#define TANDEM_FORWARD_MESSAGE_LOG_H
+
+namespace tandem {
+
+// Prints "[function:line]" and then the message on standard output; lines of several threads do not mix. Keeps errno.
+[[gnu::format(printf, 3, 4)]] void log_message(const char* function, int line, const char* format, ...);
+
+}  // namespace tandem
+
+#endif  // TANDEM_FORWARD_MESSAGE_LOG_H
