@@ -16,6 +16,7 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 namespace tandem::test {
 namespace {
@@ -88,6 +89,15 @@ std::string process_t::wait_line(const std::string& prefix, std::chrono::millise
         }
         if (!read_more(deadline)) return "";
     }
+}
+
+bool process_t::wait_error(const std::string& part, std::chrono::milliseconds limit) const {
+    const auto deadline = clock_t::now() + limit;
+    while (errors().find(part) == std::string::npos) {
+        if (clock_t::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));  // a file does not tell when it grows
+    }
+    return true;
 }
 
 void process_t::signal(int number) const {

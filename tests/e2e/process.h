@@ -26,6 +26,8 @@ class process_t {
     // The next line of standard output that begins with `prefix`; lines before it are skipped. Empty when none comes in
     // time or the output ends.
     std::string wait_line(const std::string& prefix, std::chrono::milliseconds limit = patience);
+    // Waits until standard error holds `part`.
+    bool wait_error(const std::string& part, std::chrono::milliseconds limit = patience) const;
     void signal(int number) const;
     // The exit code, -N for an end by signal N, or -1000 when it does not end in time.
     int wait(std::chrono::milliseconds limit = patience);

@@ -1,0 +1,93 @@
+#include "tests/e2e/namespaces.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include "app/file.h"
+#include "tests/e2e/process.h"
+
+namespace tandem::test {
+namespace {
+
+// Runs `ip` with the words of `command`.
+void ip(const std::string& command) {
+    std::vector<std::string> args = {"ip"};
+    std::istringstream words(command);
+    for (std::string word; words >> word;)
+        args.push_back(word);
+    run(args);
+}
+
+}  // namespace
+
+namespaces_t::namespaces_t()
+    : client_("tandem-c" + std::to_string(getpid())), server_("tandem-s" + std::to_string(getpid())) {
+    if (geteuid() != 0) throw std::runtime_error("network namespaces need root: run the tests as root");
+    ip("netns add " + client_);
+    ip("netns add " + server_);
+    ip("-n " + client_ + " link set lo up");
+    ip("-n " + server_ + " link set lo up");
+    ip("-n " + server_ + " addr add 10.77.9.1/32 dev lo");
+    make_link("1");
+    make_link("2");
+    ip("-n " + client_ + " route add 10.77.9.1/32 via 10.77.1.1");
+}
+
+namespaces_t::~namespaces_t() {
+    ip("netns del " + client_);
+    ip("netns del " + server_);
+}
+
+void namespaces_t::make_link(const std::string& number) const {
+    const std::string net = "10.77." + number + ".";
+    ip("-n " + client_ + " link add c" + number + " type veth peer name s" + number + " netns " + server_);
+    ip("-n " + client_ + " addr add " + net + "2/24 dev c" + number);
+    ip("-n " + server_ + " addr add " + net + "1/24 dev s" + number);
+    ip("-n " + client_ + " link set c" + number + " up");
+    ip("-n " + server_ + " link set s" + number + " up");
+    ip("-n " + client_ + " route add 10.77.9.1/32 via " + net + "1 table 10" + number);
+    ip("-n " + client_ + " rule add from " + net + "2 table 10" + number);
+    // The server's address is reached over both links, so neither end may insist on the way that it would take itself.
+    run({"ip", "netns", "exec", client_, "sh", "-c",
+         "for f in /proc/sys/net/ipv4/conf/*/rp_filter; do echo 0 >$f; done"});
+    run({"ip", "netns", "exec", server_, "sh", "-c",
+         "for f in /proc/sys/net/ipv4/conf/*/rp_filter; do echo 0 >$f; done"});
+}
+
+void namespaces_t::swallow(int link) {
+    const std::string number = std::to_string(link);
+    ip("-n " + client_ + " rule add iif c" + number + " blackhole pref 1");
+    ip("-n " + server_ + " rule add iif s" + number + " blackhole pref 1");
+}
+
+void namespaces_t::carry(int link) {
+    const std::string number = std::to_string(link);
+    ip("-n " + client_ + " rule del iif c" + number + " blackhole pref 1");
+    ip("-n " + server_ + " rule del iif s" + number + " blackhole pref 1");
+}
+
+void namespaces_t::take_down(int link) {
+    ip("-n " + client_ + " link set c" + std::to_string(link) + " down");
+}
+
+void namespaces_t::run_inside(const std::string& name, const std::function<void()>& action) {
+    std::exception_ptr failure;
+    std::thread([&] {
+        try {
+            const app::file_t inside(open(("/run/netns/" + name).c_str(), O_RDONLY | O_CLOEXEC));
+            if (setns(inside.fd(), CLONE_NEWNET) != 0) throw std::runtime_error("cannot enter " + name);
+            action();
+        } catch (...) {
+            failure = std::current_exception();
+        }
+    }).join();
+    if (failure) std::rethrow_exception(failure);
+}
+
+}  // namespace tandem::test

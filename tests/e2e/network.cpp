@@ -1,0 +1,219 @@
+#include "tests/e2e/network.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <stdexcept>
+
+#include "tests/e2e/process.h"
+
+namespace tandem::test {
+namespace {
+
+constexpr size_t piece = 64 * 1024;
+
+void set_patience(int fd) {
+    const timeval limit{patience.count(), 0};
+    const int on = 1;
+    setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+    setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+    setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
+}
+
+sockaddr_in loopback(uint16_t port) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
+}
+
+uint16_t port_of(int fd) {
+    sockaddr_in address{};
+    socklen_t length = sizeof(address);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
+    return ntohs(address.sin_port);
+}
+
+bool send_pattern(int fd, uint64_t seed, uint64_t bytes) {
+    pattern_t pattern(seed);
+    std::vector<uint8_t> buffer(piece);
+    while (bytes > 0) {
+        buffer.resize(std::min<uint64_t>(bytes, piece));
+        pattern.fill(buffer);
+        if (!write_all(fd, buffer.data(), buffer.size())) return false;
+        bytes -= buffer.size();
+    }
+    return shutdown(fd, SHUT_WR) == 0;
+}
+
+}  // namespace
+
+uint8_t pattern_t::next() {
+    if (left_ == 0) {
+        state_ ^= state_ >> 12;
+        state_ ^= state_ << 25;
+        state_ ^= state_ >> 27;
+        word_ = state_ * 0x2545f4914f6cdd1dU;
+        left_ = 8;
+    }
+    const auto byte = static_cast<uint8_t>(word_);
+    word_ >>= 8;
+    --left_;
+    return byte;
+}
+
+void pattern_t::fill(std::vector<uint8_t>& out) {
+    for (uint8_t& byte : out)
+        byte = next();
+}
+
+app::file_t listen_tcp(uint16_t& port) {
+    app::file_t file(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    const sockaddr_in address = loopback(0);
+    if (bind(file.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
+        listen(file.fd(), 1024) != 0) {
+        throw std::runtime_error(std::string("listen: ") + strerror(errno));
+    }
+    port = port_of(file.fd());
+    return file;
+}
+
+app::file_t connect_tcp(uint16_t port) {
+    app::file_t file(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    set_patience(file.fd());
+    const sockaddr_in address = loopback(port);
+    if (connect(file.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        throw std::runtime_error(std::string("connect: ") + strerror(errno));
+    }
+    return file;
+}
+
+bool write_all(int fd, const void* data, size_t size) {
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    while (size > 0) {
+        const ssize_t wrote = send(fd, bytes, size, MSG_NOSIGNAL);
+        if (wrote <= 0) return false;
+        bytes += wrote;
+        size -= static_cast<size_t>(wrote);
+    }
+    return true;
+}
+
+bool read_all(int fd, void* data, size_t size) {
+    auto* bytes = static_cast<uint8_t*>(data);
+    while (size > 0) {
+        const ssize_t got = recv(fd, bytes, size, 0);
+        if (got <= 0) return false;
+        bytes += got;
+        size -= static_cast<size_t>(got);
+    }
+    return true;
+}
+
+int64_t read_to_end(int fd) {
+    std::vector<uint8_t> buffer(piece);
+    int64_t total = 0;
+    for (;;) {
+        const ssize_t got = recv(fd, buffer.data(), buffer.size(), 0);
+        if (got < 0) return -1;
+        if (got == 0) return total;
+        total += got;
+    }
+}
+
+uint16_t free_udp_port() {
+    const app::file_t file(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_in any{};
+    any.sin_family = AF_INET;
+    if (bind(file.fd(), reinterpret_cast<const sockaddr*>(&any), sizeof(any)) != 0)
+        throw std::runtime_error("no UDP port");
+    return port_of(file.fd());
+}
+
+service_t::service_t(handler_t handler)
+    : handler_(std::move(handler)), listening_(listen_tcp(port_)), acceptor_([this] { accept_all(); }) {}
+
+service_t::service_t(handler_t handler, app::file_t listening, uint16_t port)
+    : handler_(std::move(handler)),
+      port_(port),
+      listening_(std::move(listening)),
+      acceptor_([this] { accept_all(); }) {}
+
+service_t::~service_t() {
+    shutdown(listening_.fd(), SHUT_RDWR);
+    acceptor_.join();
+    for (const app::file_t& file : open_)
+        shutdown(file.fd(), SHUT_RDWR);
+    for (std::thread& handler : handlers_)
+        handler.join();
+}
+
+void service_t::accept_all() {
+    for (;;) {
+        app::file_t file(accept4(listening_.fd(), nullptr, nullptr, SOCK_CLOEXEC));
+        if (!file) return;
+        set_patience(file.fd());
+        // The copy keeps the connection within the destructor's reach; the handler's own descriptor ends with the
+        // handler.
+        open_.emplace_back(fcntl(file.fd(), F_DUPFD_CLOEXEC, 0));
+        handlers_.emplace_back([this, fd = std::move(file)] {
+            handler_(fd.fd());
+            shutdown(fd.fd(), SHUT_RDWR);
+        });
+    }
+}
+
+void echo(int fd) {
+    std::vector<uint8_t> buffer(piece);
+    for (;;) {
+        const ssize_t got = recv(fd, buffer.data(), buffer.size(), 0);
+        if (got <= 0 || !write_all(fd, buffer.data(), static_cast<size_t>(got))) break;
+    }
+    shutdown(fd, SHUT_WR);
+    read_to_end(fd);
+}
+
+void answer_after_end(int fd) {
+    uint64_t bytes = 0;
+    if (!read_all(fd, &bytes, sizeof(bytes)) || read_to_end(fd) != 0) return;
+    send_pattern(fd, 7, bytes);
+}
+
+std::string exchange(int fd, uint64_t seed, uint64_t bytes, const std::function<void()>& at_quarter,
+                     const std::function<void()>& at_half) {
+    std::atomic<bool> sent{false};
+    std::thread sender([&] { sent = send_pattern(fd, seed, bytes); });
+    pattern_t pattern(seed);
+    std::vector<uint8_t> buffer(piece);
+    std::string fault;
+    uint64_t total = 0;
+    while (fault.empty()) {
+        const ssize_t got = recv(fd, buffer.data(), buffer.size(), 0);
+        if (got < 0) fault = "failed after " + std::to_string(total) + " bytes: " + strerror(errno);
+        if (got <= 0) break;
+        const uint64_t before = total;
+        for (ssize_t i = 0; i < got; ++i, ++total) {
+            if (fault.empty() && buffer[static_cast<size_t>(i)] != pattern.next())
+                fault = "differs at byte " + std::to_string(total);
+        }
+        if (at_quarter && before < bytes / 4 && total >= bytes / 4) at_quarter();
+        if (at_half && before < bytes / 2 && total >= bytes / 2) at_half();
+    }
+    if (fault.empty() && total != bytes)
+        fault = "ended after " + std::to_string(total) + " of " + std::to_string(bytes) + " bytes";
+    if (!fault.empty()) shutdown(fd, SHUT_RDWR);
+    sender.join();
+    if (fault.empty() && !sent) fault = "sending failed";
+    return fault;
+}
+
+}  // namespace tandem::test
