@@ -49,6 +49,7 @@ bool tls_session::open(unsigned flags, gnutls_certificate_credentials_t credenti
         return false;
     }
     gnutls_session_set_ptr(session_, &reference_);
+    gnutls_handshake_set_hook_function(session_, GNUTLS_HANDSHAKE_ANY, GNUTLS_HOOK_BOTH, on_handshake_message);
     return !failed(gnutls_priority_set_direct(session_, priorities, nullptr), "priorities", error) &&
            !failed(gnutls_credentials_set(session_, GNUTLS_CRD_CERTIFICATE, credentials), "credentials", error);
 }
@@ -84,7 +85,6 @@ std::unique_ptr<tls_session> tls_session::create_server(std::shared_ptr<const se
     const gnutls_session_t session = result->session_;
     if (failed(ngtcp2_crypto_gnutls_configure_server_session(session), "QUIC cannot be set up", error)) return nullptr;
     if (!result->offer_alpn(alpn, GNUTLS_ALPN_MANDATORY, error)) return nullptr;
-    gnutls_handshake_set_hook_function(session, GNUTLS_HANDSHAKE_CLIENT_HELLO, GNUTLS_HOOK_POST, after_client_hello);
     result->alpn_required_ = !alpn.empty();
     return result;
 }
@@ -111,11 +111,14 @@ int tls_session::verify_peer(gnutls_session_t session) {
     return GNUTLS_E_CERTIFICATE_ERROR;
 }
 
-/* What neither library insists on for a client that leaves a whole extension out: the ALPN ("mandatory" concerns only
- * clients that send some), and the QUIC transport parameters, without which ngtcp2's first packet would hit an
- * assertion that ends the process. */
-int tls_session::after_client_hello(gnutls_session_t session, unsigned, unsigned, unsigned, const gnutls_datum_t*) {
+/* Two messages would lead ngtcp2 into an assertion that ends the process: a KeyUpdate (QUIC has its own, yet GnuTLS
+ * installs new keys for it), and a ClientHello without QUIC's transport parameters. And "mandatory" ALPN concerns only
+ * clients that offer some. */
+int tls_session::on_handshake_message(gnutls_session_t session, unsigned type, unsigned when, unsigned incoming,
+                                      const gnutls_datum_t*) {
     const tls_session& self = of(session);
+    if (type == GNUTLS_HANDSHAKE_KEY_UPDATE) return GNUTLS_E_UNEXPECTED_HANDSHAKE_PACKET;
+    if (type != GNUTLS_HANDSHAKE_CLIENT_HELLO || when != GNUTLS_HOOK_POST || incoming == 0) return 0;
     if (ngtcp2_conn_get_negotiated_version(self.connection_) == 0) return GNUTLS_E_MISSING_EXTENSION;
     if (self.alpn_required_ && self.selected_alpn().empty()) return GNUTLS_E_NO_APPLICATION_PROTOCOL;
     return 0;

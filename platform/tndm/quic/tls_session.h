@@ -36,10 +36,9 @@ class tls_session {
     /* Makes `connection` and this session know each other: before the connection's first packet is read or written. */
     void attach(ngtcp2_conn* connection);
 
-    /* The `recv_crypto_data` callback of every connection, instead of ngtcp2_crypto_recv_crypto_data_cb: TLS messages
-     * that come after the handshake end the connection with "unexpected message" and never reach GnuTLS, because a
-     * KeyUpdate there (which QUIC forbids) makes it install keys a second time, which ngtcp2 answers with an assertion
-     * that ends the process. Nothing is lost: there are no session tickets here. */
+    /* The `recv_crypto_data` callback of every connection, instead of ngtcp2_crypto_recv_crypto_data_cb: a TLS message
+     * after the handshake ends the connection with "unexpected message" instead of reaching GnuTLS, which would collect
+     * its parts without a bound. Nothing is lost: there are no session tickets here. */
     static int receive_crypto_data(ngtcp2_conn* connection, ngtcp2_crypto_level level, uint64_t offset,
                                    const uint8_t* data, size_t size, void* user_data);
 
@@ -58,8 +57,8 @@ class tls_session {
     bool offer_alpn(std::string_view alpn, unsigned flags, std::string& error);
     static tls_session& of(gnutls_session_t session);
     static int verify_peer(gnutls_session_t session);
-    static int after_client_hello(gnutls_session_t session, unsigned type, unsigned when, unsigned incoming,
-                                  const gnutls_datum_t* message);
+    static int on_handshake_message(gnutls_session_t session, unsigned type, unsigned when, unsigned incoming,
+                                    const gnutls_datum_t* message);
 
     std::shared_ptr<const client_credentials> client_;
     std::shared_ptr<const server_credentials> server_;
