@@ -11,12 +11,7 @@ class blackout : public bundle_test {
         start(paths, settings);
         send(client(), 0, uint64_t{400} << 20);
     }
-    static options rate_based(uint64_t seed) {
-        options o;
-        o.seed = seed;
-        o.carriers.fixed_window = 300'000;
-        return o;
-    }
+    static options rate_based(uint64_t seed) { return with_window(300'000, seed); }
 };
 
 constexpr link_settings fast{.mbit = 50, .delay = 10ms};
