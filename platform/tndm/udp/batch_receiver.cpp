@@ -12,7 +12,7 @@ namespace {
 template <typename T>
 T control_value(const cmsghdr* header) {
     T value{};
-    std::memcpy(&value, CMSG_DATA(header), std::min(sizeof value, header->cmsg_len - CMSG_LEN(0)));
+    std::memcpy(&value, CMSG_DATA(header), std::min<size_t>(sizeof value, header->cmsg_len - CMSG_LEN(0)));
     return value;
 }
 
