@@ -37,7 +37,8 @@ class quic_end {
     ngtcp2_tstamp deadline() const;
     void expire(ngtcp2_tstamp now);
 
-    /* Makes this end send `bytes` in its TLS handshake stream right behind its Finished message. Before its first `read`. */
+    /* Makes this end send `bytes` in its TLS handshake stream right behind its Finished message. Before its first
+     * `read`. */
     void append_to_finished(packet bytes) { tail_ = std::move(bytes); }
 
     ngtcp2_conn* connection() const { return connection_; }
