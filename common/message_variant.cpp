@@ -249,6 +249,8 @@ void message_variant_t::assign(const std::string& text) {
 void message_variant_t::assign(const unsigned char* data, unsigned int len) {
     if (data == nullptr && len != 0) return;
     const auto* copy = static_cast<const char*>(replace_buffer(len, data, len));
+    // Null stands for bytes that there was no memory for.
+    if (len == 0) copy = "";
     object_.type = MSGPACK_OBJECT_BIN;
     object_.via.bin = {len, copy};
 }

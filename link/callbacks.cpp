@@ -48,7 +48,7 @@ link_t::context_ptr link_t::find_or_make_context(void* instance, void* connectio
     if (found != contexts_.end()) return found->second;
     auto factory = factories_.find(key);
     if (factory == factories_.end()) {
-        key = "*";
+        key.assign(1, '*');
         factory = factories_.find(key);
     }
     if (factory == factories_.end()) factory = factories_.begin();
