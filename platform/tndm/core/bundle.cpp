@@ -214,6 +214,7 @@ void bundle::on_time(instant now) {
             transmission& record = *l.in_flight().find(l.in_flight().oldest_id());
             if (record.state == fate::in_flight) {
                 ++l.counters().datagrams_lost;
+                l.counters().bytes_lost += record.part.size();
             }
             if (record.state == fate::in_flight || record.state == fate::late) {
                 requeue(l, record, now);

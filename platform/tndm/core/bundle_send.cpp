@@ -330,6 +330,7 @@ void bundle::acknowledged(lane_id id, uint64_t datagram, instant now) {
     const transmission record = *found;
     if (record.state == fate::late) {
         --l->counters().datagrams_lost;
+        l->counters().bytes_lost -= record.part.size();
     }
     l->in_flight().set(*found, fate::resolved);
     if (record.what != content::chunk) {
@@ -363,6 +364,7 @@ void bundle::lost(lane_id id, uint64_t datagram, instant now) {
         return;
     }
     ++l->counters().datagrams_lost;
+    l->counters().bytes_lost += record->part.size();
     l->in_flight().set(*record, fate::late);
     l->declared_lost(datagram, now);
 }

@@ -23,6 +23,7 @@ using lane_id = uint32_t;
 
 struct lane_counters {
     uint64_t datagrams_lost = 0;  // declared lost and not acknowledged afterwards
+    uint64_t bytes_lost = 0;      // payload of chunks in those
     uint64_t bytes_resent = 0;    // payload of chunks that had been sent before, on whichever lane
 };
 

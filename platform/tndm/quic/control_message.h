@@ -19,6 +19,7 @@
 #include <optional>
 #include <span>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -29,6 +30,9 @@ namespace tndm::control {
 inline constexpr uint8_t version = 1;
 inline constexpr size_t max_message = 512;  // bytes of type and body
 inline constexpr size_t max_name = 127;     // bytes of a path's name
+
+// What a join's proof is bound to: exporter bytes of its own TLS session under this label.
+inline constexpr std::string_view join_exporter_label = "EXPORTER-tndm-join";
 
 using bundle_id = std::array<uint8_t, 20>;
 

@@ -24,7 +24,7 @@ ngtcp2_callbacks subflow::callbacks(bool server) {
         calls.client_initial = ngtcp2_crypto_client_initial_cb;
         calls.recv_retry = ngtcp2_crypto_recv_retry_cb;
     }
-    calls.recv_crypto_data = ngtcp2_crypto_recv_crypto_data_cb;
+    calls.recv_crypto_data = tls_session::receive_crypto_data;
     calls.encrypt = ngtcp2_crypto_encrypt_cb;
     calls.decrypt = ngtcp2_crypto_decrypt_cb;
     calls.hp_mask = ngtcp2_crypto_hp_mask_cb;

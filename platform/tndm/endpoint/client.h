@@ -1,0 +1,86 @@
+// The client: one connection over many paths, made again for as long as the instance lives.
+//
+//   resting --(a path, the server's address)--> calling --(a handshake completes)--> greeting --(welcome)--> connected
+//      ^                                           ^                                    |                        |
+//      +------------- after a pause --------------+------- no answer, refused ---------+------ the end ---------+
+//
+// While calling, every path opens a subflow; the first whose handshake completes greets the server, the others join
+// once there is a connection.
+#ifndef TANDEM_PLATFORM_TNDM_ENDPOINT_CLIENT_H
+#define TANDEM_PLATFORM_TNDM_ENDPOINT_CLIENT_H
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/tndm/endpoint/engine.h"
+#include "platform/tndm/endpoint/resolver.h"
+#include "platform/tndm/quic/credentials.h"
+
+namespace tndm {
+
+class client : public engine {
+  public:
+    struct target {
+        std::string host;
+        uint16_t port = 0;
+        std::string alpn;
+        std::chrono::seconds linger{10};
+        std::shared_ptr<const client_credentials> credentials;
+    };
+    client(const environment& env, target to);
+    ~client() override;
+
+    void read_sockets(const pass& p) override;
+    void close_all(const pass& p) override;
+    void stop_watching() override;
+
+  protected:
+    void apply_own(command& asked, const pass& p) override;
+    core::instant own_deadline() const override;
+    void advance(const std::shared_ptr<carrier>& of, const pass& p) override;
+    void advance_own(const pass& p) override;
+    void retire(connection& over, close_code code, const pass& p) override;
+
+  private:
+    class lane;
+    // One path that the application wants.
+    struct path {
+        std::string text;  // as the application named it
+        std::shared_ptr<lane> current;
+        std::shared_ptr<lane> fresh;  // opened beside a current one that has gone silent
+        std::chrono::milliseconds pause{0};
+        core::instant next_try{};
+        bool wanting = false;  // would open a subflow, were it not for `next_try`
+    };
+
+    void readable(const std::shared_ptr<lane>& from);
+    int receive(lane& from, const pass& p);
+    void add_path(const std::string& text, const pass& p);
+    void remove_path(const std::string& text, const pass& p);
+    std::shared_ptr<lane> open(path& on, const pass& p);
+    void open_where_wanted(path& on, const pass& p);
+    void failed(path& on, const pass& p);
+    void on_welcome(lane& of, const control::welcome& welcome, const pass& p);
+    void on_joined(lane& of, const pass& p);
+    void on_end(lane& of, const pass& p);
+    void greet(const pass& p);
+    void join(lane& of, const pass& p);
+    void abandon(const std::shared_ptr<lane>& of, close_code code, const pass& p);
+    void tell_problem(int problem, const std::string& text);
+    path* path_of(const lane& of);
+
+    const target target_;
+    resolver resolver_;
+    endpoint server_;  // empty while its name is looked up
+    std::vector<path> paths_;
+    connection* connection_ = nullptr;
+    std::shared_ptr<lane> greeter_;
+    core::instant connected_at_{};
+    core::instant rest_until_{};
+    std::chrono::milliseconds rest_{0};
+};
+
+}  // namespace tndm
+
+#endif

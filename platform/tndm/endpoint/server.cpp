@@ -1,0 +1,399 @@
+#include "platform/tndm/endpoint/server.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <utility>
+
+#include "platform/tndm/udp/socket.h"
+
+namespace tndm {
+
+namespace {
+
+// Handshakes that may be open before clients must show that their address is their own.
+constexpr size_t retry_above = 64;
+// Handshakes and connections that may be open at all.
+constexpr size_t max_handshakes = 1024;
+constexpr size_t max_carriers = 16384;
+constexpr size_t max_lanes_of_a_bundle = 32;
+// A client that has not joined a bundle by then will not.
+constexpr auto patience = std::chrono::seconds(10);
+constexpr ngtcp2_duration token_lifetime = 10 * NGTCP2_SECONDS;
+// Batches of datagrams that are read before the loop gets its turn.
+constexpr int batches_at_once = 4;
+constexpr unsigned resets_a_second = 200;
+constexpr auto longest_linger = std::chrono::seconds(3600);
+constexpr size_t smallest_first_packet = 1200;
+
+std::string key_of(const uint8_t* id, size_t length) {
+    return {reinterpret_cast<const char*>(id), length};
+}
+
+// Nothing that a peer grants may overflow the wire's integers, and at least the control stream must fit.
+core::limits sane(const control::granted& told) {
+    core::limits made;
+    made.streams = std::min<uint64_t>(told.streams, 1 << 20);
+    made.stream_window = std::min<uint64_t>(told.stream_window, core::wire::varint_max / 2);
+    made.connection_window = std::min<uint64_t>(told.connection_window, core::wire::varint_max / 2);
+    return made;
+}
+
+}  // namespace
+
+class server::lane final : public carrier, public id_registrar {
+  public:
+    lane(server& owner, int fd, batch_sender& sender, bool many_addresses)
+        : carrier({}, fd, sender, many_addresses), owner_(owner) {}
+    ~lane() override {
+        set_flow(nullptr);
+        for (const std::string& id : ids_) {
+            owner_.ids_.erase(id);
+        }
+    }
+    void add_id(const ngtcp2_cid& id) override {
+        auto key = key_of(id.data, id.datalen);
+        if (owner_.ids_.emplace(key, this).second) {
+            ids_.insert(std::move(key));
+        }
+    }
+    void remove_id(const ngtcp2_cid& id) override {
+        const auto key = key_of(id.data, id.datalen);
+        if (ids_.erase(key) != 0) {
+            owner_.ids_.erase(key);
+        }
+    }
+    void reset_token(const ngtcp2_cid& id, std::span<uint8_t, NGTCP2_STATELESS_RESET_TOKENLEN> token) override {
+        const auto& key = owner_.credentials_->reset_key();
+        ngtcp2_crypto_generate_stateless_reset_token(token.data(), key.data(), key.size(), &id);
+    }
+
+    ngtcp2_cid first_id{};  // what the client calls us until it has heard of our own id
+    bool counted = true;    // stands in `handshakes_` and `impatience_`
+    core::instant give_up{};
+
+  private:
+    server& owner_;
+    std::set<std::string> ids_;
+};
+
+server::server(const environment& env, int socket, std::shared_ptr<const server_credentials> credentials,
+               std::string alpn)
+    : engine(env),
+      socket_(socket),
+      bound_(local_endpoint(socket)),
+      credentials_(std::move(credentials)),
+      alpn_(std::move(alpn)) {
+    port_ = bound_.port();
+    watcher_ = std::make_unique<io_watcher>(env.loop, socket, [this] { readable(); });
+}
+
+server::~server() {
+    clear();
+}
+
+// --- reading ---
+
+void server::readable() {
+    for (int i = 0; i < batches_at_once && !env_.dead; ++i) {
+        const pass p = env_.drive.begin();
+        const int messages = receive(p);
+        env_.drive.finish(p);
+        if (messages < static_cast<int>(batch_receiver::message_count)) {
+            return;
+        }
+    }
+}
+
+void server::read_sockets(const pass& p) {
+    receive(p);
+}
+
+int server::receive(const pass& p) {
+    return env_.receiver.receive(socket_, [&](const received_datagram& datagram) { on_datagram(datagram, p); });
+}
+
+void server::on_datagram(const received_datagram& datagram, const pass& p) {
+    ngtcp2_version_cid ids;
+    const int result =
+        ngtcp2_pkt_decode_version_cid(&ids, datagram.data.data(), datagram.data.size(), subflow::server_id_length);
+    if (result == NGTCP2_ERR_VERSION_NEGOTIATION) {
+        if (datagram.data.size() >= smallest_first_packet) {
+            send_version_negotiation(datagram.local, datagram.remote, ids);
+        }
+        return;
+    }
+    if (result != 0) {
+        return;
+    }
+    const auto found = ids_.find(key_of(ids.dcid, ids.dcidlen));
+    if (found == ids_.end()) {
+        on_unknown(datagram, ids, p);
+        return;
+    }
+    endpoint local = datagram.local.empty() ? bound_ : datagram.local;
+    local.set_port(port_);
+    lane& to = *found->second;
+    to.flow().read(datagram.data, local, datagram.remote, datagram.ecn, p.now);
+    touch(to);
+}
+
+void server::on_unknown(const received_datagram& datagram, const ngtcp2_version_cid& ids, const pass& p) {
+    endpoint local = datagram.local.empty() ? bound_ : datagram.local;
+    local.set_port(port_);
+    ngtcp2_pkt_hd head;
+    if (ids.version == 0) {
+        send_stateless_reset(local, datagram.remote, ids, datagram.data.size(), p);
+    } else if (ngtcp2_accept(&head, datagram.data.data(), datagram.data.size()) == 0 &&
+               head.version == NGTCP2_PROTO_VER_V1) {
+        accept(datagram, local, head, p);
+    }
+}
+
+// --- new clients ---
+
+void server::accept(const received_datagram& datagram, const endpoint& local, const ngtcp2_pkt_hd& head,
+                    const pass& p) {
+    if (handshakes_ >= max_handshakes || carriers().size() >= max_carriers) {
+        return;
+    }
+    subflow::first_packet first{head.version, head.scid, head.dcid, std::nullopt, {}};
+    if (!check_token(local, datagram.remote, head, first, p)) {
+        return;
+    }
+    std::string error;
+    auto tls = tls_session::create_server(credentials_, alpn_, error);
+    if (tls == nullptr) {
+        return;
+    }
+    auto made = std::make_shared<lane>(*this, socket_, sender_, bound_.is_wildcard());
+    made->set_flow(subflow::create_server(env_.quic, std::move(tls), local, datagram.remote, first, *made, p.now));
+    if (!made->has_flow()) {
+        return;
+    }
+    made->first_id = head.dcid;
+    made->add_id(head.dcid);
+    made->give_up = p.now + patience;
+    ++handshakes_;
+    impatience_.emplace(made->give_up, made.get());
+    lane& to = *made;
+    track(std::move(made));
+    to.flow().read(datagram.data, local, datagram.remote, datagram.ecn, p.now);
+}
+
+bool server::check_token(const endpoint& local, const endpoint& remote, const ngtcp2_pkt_hd& head,
+                         subflow::first_packet& first, const pass& p) {
+    const bool crowded = handshakes_ >= retry_above;
+    if (head.token.len == 0 || head.token.base[0] != NGTCP2_CRYPTO_TOKEN_MAGIC_RETRY) {
+        if (crowded) {
+            send_retry(local, remote, head, p);
+        }
+        return !crowded;
+    }
+    ngtcp2_cid original;
+    const auto& key = credentials_->token_key();
+    if (ngtcp2_crypto_verify_retry_token(&original, head.token.base, head.token.len, key.data(), key.size(),
+                                         head.version, remote.address(), remote.length, &head.dcid, token_lifetime,
+                                         static_cast<ngtcp2_tstamp>(p.now.time_since_epoch().count())) != 0) {
+        return false;
+    }
+    first.first_id = original;
+    first.retry_id = head.dcid;
+    first.token = {head.token.base, head.token.len};
+    return true;
+}
+
+void server::send_retry(const endpoint& local, const endpoint& remote, const ngtcp2_pkt_hd& head, const pass& p) {
+    ngtcp2_cid own;
+    own.datalen = subflow::server_id_length;
+    random_nonce({own.data, own.datalen});
+    std::array<uint8_t, NGTCP2_CRYPTO_MAX_RETRY_TOKENLEN> token;
+    const auto& key = credentials_->token_key();
+    const ngtcp2_ssize token_size = ngtcp2_crypto_generate_retry_token(
+        token.data(), key.data(), key.size(), head.version, remote.address(), remote.length, &own, &head.dcid,
+        static_cast<ngtcp2_tstamp>(p.now.time_since_epoch().count()));
+    if (token_size < 0) {
+        return;
+    }
+    std::array<uint8_t, 512> out;
+    const ngtcp2_ssize size = ngtcp2_crypto_write_retry(out.data(), out.size(), head.version, &head.scid, &own,
+                                                        &head.dcid, token.data(), static_cast<size_t>(token_size));
+    if (size > 0) {
+        answer(local, remote, std::span(out).first(static_cast<size_t>(size)));
+    }
+}
+
+void server::send_version_negotiation(const endpoint& local, const endpoint& remote, const ngtcp2_version_cid& ids) {
+    std::array<uint8_t, 256> out;
+    std::array<uint8_t, 1> random;
+    random_nonce(random);
+    const uint32_t version = NGTCP2_PROTO_VER_V1;
+    const ngtcp2_ssize size = ngtcp2_pkt_write_version_negotiation(out.data(), out.size(), random[0], ids.scid,
+                                                                   ids.scidlen, ids.dcid, ids.dcidlen, &version, 1);
+    if (size > 0) {
+        answer(local, remote, std::span(out).first(static_cast<size_t>(size)));
+    }
+}
+
+// Tells a client of an earlier life of this server that its connection is gone.
+void server::send_stateless_reset(const endpoint& local, const endpoint& remote, const ngtcp2_version_cid& ids,
+                                  size_t received, const pass& p) {
+    // Shorter than what it answers, so that two of us cannot go on for ever, and long enough to look like a packet.
+    constexpr size_t shortest = NGTCP2_MIN_STATELESS_RESET_RANDLEN + NGTCP2_STATELESS_RESET_TOKENLEN;
+    if (received <= shortest || ids.dcidlen != subflow::server_id_length) {
+        return;
+    }
+    if (p.now - reset_window_ >= std::chrono::seconds(1)) {
+        reset_window_ = p.now;
+        resets_in_window_ = 0;
+    }
+    if (++resets_in_window_ > resets_a_second) {
+        return;
+    }
+    ngtcp2_cid id;
+    ngtcp2_cid_init(&id, ids.dcid, ids.dcidlen);
+    std::array<uint8_t, NGTCP2_STATELESS_RESET_TOKENLEN> token;
+    const auto& key = credentials_->reset_key();
+    if (ngtcp2_crypto_generate_stateless_reset_token(token.data(), key.data(), key.size(), &id) != 0) {
+        return;
+    }
+    std::array<uint8_t, 32> random;
+    random_nonce(random);
+    const size_t random_size = std::min(random.size(), received - 1 - NGTCP2_STATELESS_RESET_TOKENLEN);
+    std::array<uint8_t, 64> out;
+    const ngtcp2_ssize size =
+        ngtcp2_pkt_write_stateless_reset(out.data(), out.size(), token.data(), random.data(), random_size);
+    if (size > 0) {
+        answer(local, remote, std::span(out).first(static_cast<size_t>(size)));
+    }
+}
+
+void server::answer(const endpoint& local, const endpoint& remote, std::span<const uint8_t> datagram) {
+    const endpoint* source = bound_.is_wildcard() && !local.is_wildcard() ? &local : nullptr;
+    sender_.send(socket_, remote, source, datagram, datagram.size(), 0);
+}
+
+// --- handshakes and joins ---
+
+void server::advance(const std::shared_ptr<carrier>& of, const pass& p) {
+    lane& from = static_cast<lane&>(*of);
+    if (from.first_id.datalen != 0 && from.flow().handshake_completed()) {
+        from.remove_id(from.first_id);
+        from.first_id.datalen = 0;
+    }
+    while (!from.flow().ended()) {
+        const auto message = from.flow().next_message();
+        if (!message) {
+            break;
+        }
+        if (const auto* hello = std::get_if<control::hello>(&*message); hello != nullptr && from.joined() == nullptr) {
+            on_hello(from, *hello, p);
+        } else if (const auto* join = std::get_if<control::join>(&*message);
+                   join != nullptr && from.joined() == nullptr) {
+            on_join(from, *join, p);
+        } else {
+            end(from, close_code::violation, p);
+            return;
+        }
+    }
+    if (from.flow().ended()) {
+        const auto& ending = *from.flow().ended();
+        const bool whole = ending.code == close_code::bundle_closed || ending.code == close_code::violation;
+        if (connection* const to = from.joined(); to != nullptr && whole) {
+            to->end(*ending.code);
+        }
+        end(from, close_code::subflow_only, p);
+    }
+}
+
+void server::on_hello(lane& of, const control::hello& hello, const pass& p) {
+    connection::setup how{core::role::server,
+                          {},
+                          {},
+                          env_.own,
+                          sane(hello.limits),
+                          std::clamp<std::chrono::seconds>(std::chrono::seconds(hello.linger_seconds),
+                                                           std::chrono::seconds(1), longest_linger),
+                          of.flow().alpn()};
+    random_nonce(how.id);
+    random_bytes(how.join_secret.span());
+    connection& made = establish(std::make_unique<connection>(how, env_.commands, p.now));
+    bundles_.emplace(made.id(), &made);
+    of.set_path(hello.path);
+    made.add(of, false, p.now);
+    settle(of);
+    of.flow().send(control::welcome{
+        how.id,
+        how.join_secret,
+        {static_cast<uint32_t>(env_.own.streams), env_.own.stream_window, env_.own.connection_window}});
+}
+
+void server::on_join(lane& of, const control::join& join, const pass& p) {
+    const auto found = bundles_.find(join.id);
+    std::array<uint8_t, 32> binding;
+    if (found == bundles_.end() || found->second->ended() ||
+        found->second->carriers().size() >= max_lanes_of_a_bundle ||
+        !of.flow().tls().exporter(control::join_exporter_label, {}, binding) ||
+        !constant_time_equal(join_proof(found->second->join_secret(), binding), join.proof)) {
+        end(of, close_code::join_refused, p);
+        return;
+    }
+    of.set_path(join.path);
+    replace_dark_lane(*found->second, join.path, p);
+    found->second->add(of, false, p.now);
+    settle(of);
+    of.flow().send(control::joined{});
+    touch(*found->second);
+}
+
+// A client that comes again over a path has given up its old subflow there, although that one's goodbye may never
+// arrive.
+void server::replace_dark_lane(connection& of, const std::string& path, const pass& p) {
+    const auto carriers_now = of.carriers();
+    for (carrier* old : carriers_now) {
+        const core::lane* dark = of.lane_of(*old);
+        if (old->path() == path && dark != nullptr && dark->suspect()) {
+            end(static_cast<lane&>(*old), close_code::subflow_only, p);
+        }
+    }
+}
+
+// The carrier has found its bundle: it is no handshake any more.
+void server::settle(lane& of) {
+    if (of.counted) {
+        of.counted = false;
+        --handshakes_;
+        impatience_.erase({of.give_up, &of});
+    }
+}
+
+void server::end(lane& of, close_code code, const pass& p) {
+    settle(of);
+    of.close(code, p);
+    drop(of, p);
+}
+
+void server::on_own_time(const pass& p) {
+    while (!impatience_.empty() && impatience_.begin()->first <= p.now) {
+        end(*impatience_.begin()->second, close_code::subflow_only, p);
+    }
+}
+
+core::instant server::own_deadline() const {
+    return impatience_.empty() ? core::never : impatience_.begin()->first;
+}
+
+void server::retire(connection& over, close_code code, const pass& p) {
+    bundles_.erase(over.id());
+    while (!over.carriers().empty()) {
+        end(static_cast<lane&>(*over.carriers().front()), code, p);
+    }
+}
+
+void server::close_all(const pass& p) {
+    for (const auto& [of, owned] : carriers()) {
+        of->close(close_code::bundle_closed, p);
+    }
+}
+
+}  // namespace tndm
