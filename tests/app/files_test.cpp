@@ -75,15 +75,26 @@ struct loaded_t {
     loaded_t& operator=(const loaded_t&) = delete;
 };
 
-std::string make(const cert_command_t& command) {
+// A stream whose text is kept.
+struct kept_stream_t {
     char* text = nullptr;
     size_t size = 0;
-    FILE* out = open_memstream(&text, &size);
-    run_cert(command, out);
-    fclose(out);
-    std::string printed(text, size);
-    free(text);
-    return printed;
+    FILE* file = open_memstream(&text, &size);
+
+    kept_stream_t() = default;
+    ~kept_stream_t() {
+        fclose(file);
+        free(text);
+    }
+    kept_stream_t(const kept_stream_t&) = delete;
+    kept_stream_t& operator=(const kept_stream_t&) = delete;
+};
+
+std::string make(const cert_command_t& command) {
+    const kept_stream_t out;
+    run_cert(command, out.file);
+    fflush(out.file);
+    return {out.text, out.size};
 }
 
 TEST(certificate, is_made_with_a_private_key_file_and_a_pin_that_matches) {

@@ -11,7 +11,7 @@ namespace {
 std::string complaint(const std::vector<std::string>& args, int expected_code) {
     process_t process(args);
     EXPECT_EQ(process.wait(), expected_code) << process.errors();
-    const std::string line = process.errors();
+    std::string line = process.errors();
     EXPECT_EQ(count_lines(line), 1U) << line;
     EXPECT_EQ(process.rest_of_output(), "");
     return line;

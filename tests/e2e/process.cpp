@@ -45,6 +45,7 @@ process_t::process_t(const std::vector<std::string>& args) {
     const app::file_t child_output(ends[1]);
     errors_ = app::file_t(memfd_create("errors", MFD_CLOEXEC));
     std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
     for (const std::string& arg : args)
         argv.push_back(const_cast<char*>(arg.c_str()));
     argv.push_back(nullptr);
@@ -132,7 +133,7 @@ std::string process_t::errors() const {
 
 std::string run(const std::vector<std::string>& args, int expected_code) {
     process_t process(args);
-    const std::string output = process.rest_of_output();
+    std::string output = process.rest_of_output();
     std::string command;
     for (const std::string& arg : args)
         command += arg + " ";
@@ -152,7 +153,7 @@ scratch_t::~scratch_t() {
 }
 
 std::string scratch_t::write(const std::string& name, const std::string& content, mode_t mode) const {
-    const std::string file = path(name);
+    std::string file = path(name);
     std::ofstream(file, std::ios::binary) << content;
     chmod(file.c_str(), mode);
     return file;
