@@ -87,6 +87,9 @@ bool engine::run(const pass& p) {
         } else {
             lane->flush(p);
             reschedule(*lane);
+            if (lane->flow().ended() || lane->broken()) {
+                touch(*lane);
+            }
         }
     }
     advance_own(p);

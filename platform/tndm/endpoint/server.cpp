@@ -16,6 +16,7 @@ constexpr size_t retry_above = 64;
 // Handshakes and connections that may be open at all.
 constexpr size_t max_handshakes = 1024;
 constexpr size_t max_carriers = 16384;
+constexpr size_t max_connections = 8192;  // those without a working lane included
 constexpr size_t max_lanes_of_a_bundle = 32;
 // A client that has not joined a bundle by then will not.
 constexpr auto patience = std::chrono::seconds(10);
@@ -307,6 +308,10 @@ void server::advance(const std::shared_ptr<carrier>& of, const pass& p) {
 }
 
 void server::on_hello(lane& of, const control::hello& hello, const pass& p) {
+    if (connections().size() >= max_connections) {
+        end(of, close_code::busy, p);
+        return;
+    }
     connection::setup how{core::role::server,
                           {},
                           {},

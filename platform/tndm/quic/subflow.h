@@ -206,7 +206,8 @@ class subflow {
     uint64_t window_ = 0;  // congestion window when the flush began
 
     // Black holes: the library finds a path's MTU but never notices that it has shrunk.
-    unsigned large_lost_ = 0;  // chunks larger than every path must carry, lost in a row
+    unsigned large_losses_ = 0;        // times that large chunks were lost while no large one arrived
+    core::instant last_large_loss_{};  // the latest of those
     bool small_only_ = false;
 };
 

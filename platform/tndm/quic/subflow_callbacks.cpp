@@ -1,4 +1,5 @@
 // What the library tells a subflow. The library forbids writing from inside these; they only take note.
+#include <algorithm>
 #include <chrono>
 
 #include "platform/tndm/quic/secret.h"
@@ -10,9 +11,10 @@ namespace {
 
 // Every path carries QUIC packets of 1200 bytes; a chunk above this size needs more.
 constexpr uint64_t small_chunk = 1120;
-// So many large ones lost in a row, while small ones arrive, is a hole and not bad luck (at 30 % loss: once in 15
-// million).
-constexpr unsigned hole_after = 14;
+// Large chunks lost so many times, at least a round trip apart, with none of them arriving between: a hole and not a
+// full queue, which loses many at once.
+constexpr unsigned hole_after = 3;
+constexpr core::duration shortest_spacing = std::chrono::milliseconds(100);
 
 }  // namespace
 
@@ -112,10 +114,11 @@ void subflow::note_large_chunk(uint64_t id, bool arrived) {
     if (small_only_ || record == nullptr || record->part.size() <= small_chunk) {
         return;
     }
-    large_lost_ = arrived ? 0 : large_lost_ + 1;
-    // A lane that is silent altogether tells nothing about sizes.
-    if (large_lost_ >= hole_after && !lane->suspect()) {
-        small_only_ = true;
+    if (arrived) {
+        large_losses_ = 0;
+    } else if (now_ - last_large_loss_ >= std::max(lane->rtt(), shortest_spacing)) {
+        last_large_loss_ = now_;
+        small_only_ = ++large_losses_ >= hole_after;
     }
 }
 
