@@ -1,6 +1,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <memory>
 
 #include "tests/fake/fake_platform.h"
 
@@ -54,6 +55,7 @@ struct loop_ops {
 namespace {
 
 std::mutex loops_mutex;
+std::condition_variable loops_changed;
 std::vector<std::unique_ptr<loop_t>> loops;
 
 const st_tloop_ops_t operations = {
@@ -88,6 +90,12 @@ const st_tloop_ops_t operations = {
 void loop_ops::destroy(st_tloop_t* loop) {
     const std::lock_guard lock(loops_mutex);
     std::erase_if(loops, [loop](const auto& made) { return made->handle() == loop; });
+    loops_changed.notify_all();
+}
+
+void wait_for_made_loops() {
+    std::unique_lock lock(loops_mutex);
+    loops_changed.wait(lock, [] { return loops.empty(); });
 }
 
 // Only for tloop_create, which records the call.

@@ -133,6 +133,8 @@ void heal(const std::string& function);
 // The newest instance, and the newest loop of tloop_create that lives (null: none).
 instance_t* instance();
 loop_t* made_loop();
+// Returns when every loop of tloop_create has been freed.
+void wait_for_made_loops();
 // An instance without a link.
 instance_t* make_instance(bool is_client);
 
