@@ -127,6 +127,17 @@ start_client() {
     forward=$(sed -E 's/^forwarding tcp ([^ ]+) -> .*/\1/' <<<"$line")
 }
 
+# Ends client and server, which were started last; both have to end cleanly.
+stop_link() {
+    local pid
+    for pid in "${pids[-1]}" "${pids[-2]}"; do
+        kill -TERM "$pid"
+        wait "$pid" || fail "an end of the link did not end cleanly"
+    done
+    unset 'pids[-1]' 'pids[-1]'
+    say "client and server have ended"
+}
+
 hash_of() { sha256sum "$1" | cut -d' ' -f1; }
 
 # fetch NAME FILE: downloads, prints the seconds.
@@ -186,4 +197,5 @@ start_server
 start_client
 bulk
 many
+stop_link
 say "everything matched"
