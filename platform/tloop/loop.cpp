@@ -110,7 +110,9 @@ void loop_t::break_base(int mode) {
 }
 
 void loop_t::leave() {
-    if (lock_.unlock() && !in_loop_thread()) ev_async_send(base_, &wake_);
+    // Woken before the lock is free: the thread that takes it next may delete the loop.
+    if (lock_.last_level() && !in_loop_thread()) ev_async_send(base_, &wake_);
+    lock_.unlock();
 }
 
 watcher* loop_t::add(std::unique_ptr<watcher> added) {

@@ -12,10 +12,8 @@ void loop_lock::lock() {
     levels_ = 1;
 }
 
-bool loop_lock::unlock() {
-    if (--levels_ > 0) return false;
-    pass_on();
-    return true;
+void loop_lock::unlock() {
+    if (--levels_ == 0) pass_on();
 }
 
 unsigned loop_lock::suspend() {
@@ -41,6 +39,7 @@ void loop_lock::wait_for_turn() {
 
 void loop_lock::pass_on() {
     owner_.store(std::thread::id(), std::memory_order_relaxed);
+    // Notified under the mutex: whoever is served next may delete this lock.
     const std::lock_guard<std::mutex> guard(mutex_);
     ++serving_;
     if (serving_ != next_ticket_) turn_.notify_all();

@@ -15,7 +15,8 @@ namespace tloop {
  * would mostly win, and a thread that waits to enter a busy loop could starve. Here it queues behind whoever asked
  * before it.
  *
- * Every function is safe from any thread; `unlock` and `suspend` belong to the thread that holds the lock.
+ * Every function is safe from any thread; `unlock`, `last_level` and `suspend` belong to the thread that holds the
+ * lock.
  */
 class loop_lock {
   public:
@@ -24,8 +25,10 @@ class loop_lock {
     loop_lock& operator=(const loop_lock&) = delete;
 
     void lock();
-    /** Gives one level back; true when that was the last one. */
-    bool unlock();
+    /** Gives one level back. The lock itself may be gone by the time this returns, if its next holder deletes it. */
+    void unlock();
+    /** Whether `unlock` would let others in. */
+    bool last_level() const { return levels_ == 1; }
 
     /** Gives all levels back and says how many there were. */
     unsigned suspend();
