@@ -26,7 +26,7 @@ uint64_t round_up_8(uint32_t n) {
 
 // msgpack-c counts in size_t.
 int write_to_packet(void* packet, const char* data, size_t n) {
-    if (n > UINT_MAX) return -1;
+    if (uint64_t{n} > UINT_MAX) return -1;
     return packet_t::msgpack_write(packet, data, static_cast<unsigned int>(n));
 }
 

@@ -14,6 +14,7 @@ namespace tandem {
 
 namespace {
 
+// Null while an instance is on its way out.
 link_t* link_of(void* instance) {
     return static_cast<link_t*>(tndm_get_instance_userdata(instance));
 }
@@ -75,6 +76,7 @@ link_t::context_ptr link_t::find_or_make_context(void* instance, void* connectio
 
 void link_t::tndm_connection_established(void* instance, const st_tndm_connection_id_t* id, void* connection) {
     link_t* link = link_of(instance);
+    if (link == nullptr) return;
     std::string key = factory_key(connection);
     std::printf("Connection [%p] - A new connection established. ID: ", connection);
     print_id(id);
@@ -108,6 +110,7 @@ void link_t::open_control_stream(connection_context_t& context, void* instance, 
 
 void link_t::tndm_connection_disconnected(void* instance, const st_tndm_connection_id_t* id, void* connection) {
     link_t* link = link_of(instance);
+    if (link == nullptr) return;
     log_place("tndm_connection_disconnected", 711);
     std::printf("Connection [%p] - Disconnected! ID: ", connection);
     print_id(id);
@@ -134,6 +137,7 @@ void link_t::tndm_connection_disconnected(void* instance, const st_tndm_connecti
 void link_t::tndm_recv_data(void* instance, void* connection, uint64_t stream_id, int fin, const uint8_t* data,
                             uint32_t len, int* /*out*/) {
     link_t* link = link_of(instance);
+    if (link == nullptr) return;
     context_ptr context;
     {
         const std::lock_guard lock(link->mutex_);
@@ -151,18 +155,22 @@ void link_t::tndm_recv_data(void* instance, void* connection, uint64_t stream_id
 
 void link_t::tndm_transport_calculate(void* instance, void* connection, uint64_t value_a, uint64_t value_b,
                                       uint64_t value_c, uint64_t value_d, uint64_t value_e) {
-    const context_ptr context = link_of(instance)->find_context(connection);
+    link_t* link = link_of(instance);
+    const context_ptr context = link != nullptr ? link->find_context(connection) : nullptr;
     if (context != nullptr) context->on_transport_calculate(value_a, value_b, value_c, value_d, value_e);
 }
 
 void link_t::tndm_stream_writable(void* instance, void* connection, uint64_t stream_id) {
-    const context_ptr context = link_of(instance)->find_context(connection);
+    link_t* link = link_of(instance);
+    const context_ptr context = link != nullptr ? link->find_context(connection) : nullptr;
     if (context != nullptr) context->stream_writable(stream_id);
 }
 
 void link_t::tndm_problem(void* instance, int problem, const char* text) {
+    const link_t* link = link_of(instance);
+    if (link == nullptr) return;
     // A copy: the handler may destroy the link.
-    const problem_handler_t handler = link_of(instance)->problem_handler_;
+    const problem_handler_t handler = link->problem_handler_;
     if (handler) handler(problem, text != nullptr ? text : "");
 }
 

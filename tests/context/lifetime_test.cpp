@@ -112,6 +112,24 @@ TEST_F(lifetimes, the_link_may_be_destroyed_from_a_handler) {
     EXPECT_EQ(fake::count_calls("destroy_instance"), 1);
 }
 
+TEST_F(lifetimes, callbacks_of_an_instance_that_is_going_find_no_link_and_do_nothing) {
+    options_.transport_calculate_param = 1;
+    connect();
+    link_.destroy();
+    EXPECT_EQ(probe_->take_log(), strings{"stop_status_timer"});
+    fake::clear_calls();
+    EXPECT_EQ(printed([&] {
+                  fake::deliver(connection_, 5, frame("x"));
+                  fake::fire_writable(connection_, 5);
+                  fake::disconnect(connection_);
+                  connection_->instance->client.statistics(connection_->instance, connection_, 1, 2, 3, 4, 5);
+                  tandem::link_t::tndm_problem(connection_->instance, 1, "late");
+              }),
+              "");
+    EXPECT_TRUE(probe_->take_log().empty());
+    EXPECT_TRUE(fake::calls().empty());
+}
+
 TEST_F(lifetimes, contexts_of_an_earlier_instance_are_not_found_by_the_next) {
     authorise();
     const auto old = probe_;
