@@ -173,6 +173,7 @@ class bundle {
     void on_frame(const wire::window& frame);
     void on_frame(const wire::stream_window& frame);
     void on_frame(const wire::streams& frame);
+    void lend_memory(stream& s);
     void make_ready(stream& s);
     bool held_back(const stream& s) const;
     void release_preface();
@@ -230,6 +231,7 @@ class bundle {
     uint64_t paused_ready_ = 0;  // bytes in order in paused streams
     size_t gaps_ = 0;
     std::deque<uint64_t> ready_;
+    std::vector<std::vector<uint8_t>> spare_;  // memory of earlier deliveries, for the next ones
     std::optional<wire::preface> hold_;
     bool hold_released_ = false;
 

@@ -62,6 +62,9 @@ void bundle::on_chunk(const wire::chunk& chunk, instant now) {
     const uint64_t used_before = s->receive.highest();
     const size_t gaps_before = s->receive.gaps();
     const size_t ready_before = s->receive.ready();
+    if (s->receive.continues(chunk.offset) && !s->paused && !held_back(*s)) {
+        lend_memory(*s);
+    }
     switch (s->receive.receive(chunk.offset, chunk.bytes, chunk.last)) {
         case receive_stream::result::ok:
             break;
@@ -156,7 +159,22 @@ void bundle::make_ready(stream& s) {
     }
 }
 
+// Bytes in order gather in memory that earlier deliveries have used: growing it anew each time costs more than the
+// copying. Streams that have nothing ready hold none, so this stays a few blocks however many streams there are.
+void bundle::lend_memory(stream& s) {
+    if (s.receive.ready() == 0 && !spare_.empty()) {
+        s.receive.lend(std::move(spare_.back()));
+        spare_.pop_back();
+    }
+}
+
 bool bundle::take_delivery(delivery& out, instant now) {
+    constexpr size_t most_spare = 4;
+    constexpr size_t largest_spare = 1 << 20;
+    if (out.bytes.capacity() != 0 && out.bytes.capacity() <= largest_spare && spare_.size() < most_spare) {
+        out.bytes.clear();
+        spare_.push_back(std::exchange(out.bytes, {}));
+    }
     while (!ready_.empty() && violation_.empty()) {
         stream* s = find(ready_.front());
         ready_.pop_front();

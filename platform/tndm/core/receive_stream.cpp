@@ -92,11 +92,7 @@ void receive_stream::join() {
 }
 
 bool receive_stream::take(std::vector<uint8_t>& out) {
-    out.clear();
-    std::swap(out, ready_);
-    if (ready_.capacity() > max_run) {
-        std::vector<uint8_t>().swap(ready_);  // what a burst needed must not stay with every stream for good
-    }
+    out = std::exchange(ready_, {});
     end_taken_ = at_end();
     return end_taken_;
 }

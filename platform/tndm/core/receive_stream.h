@@ -6,6 +6,7 @@
 #include <map>
 #include <optional>
 #include <span>
+#include <utility>
 #include <vector>
 
 namespace tndm::core {
@@ -24,12 +25,17 @@ class receive_stream {
 
     // One past the highest offset ever received: what the peer has used of its windows.
     uint64_t highest() const { return highest_; }
+    // Whether bytes from `offset` on can be in order.
+    bool continues(uint64_t offset) const { return offset <= next_; }
     // In order and not taken yet.
     size_t ready() const { return ready_.size(); }
     // There is something to take: bytes, or the end.
     bool deliverable() const { return !ready_.empty() || (at_end() && !end_taken_); }
-    // Moves the bytes that are in order into `out` (whose memory is reused); true when they are the last of the stream.
+    // Moves the bytes that are in order into `out`; true when they are the last of the stream. The stream keeps no
+    // memory of its own then.
     bool take(std::vector<uint8_t>& out);
+    // Memory for the bytes to come; only while none are ready.
+    void lend(std::vector<uint8_t>&& memory) { ready_ = std::move(memory); }
     // Bytes taken so far.
     uint64_t taken() const { return next_ - ready_.size(); }
     bool done() const { return end_taken_; }

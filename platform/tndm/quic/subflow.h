@@ -165,8 +165,8 @@ class subflow {
     written finish_write(ngtcp2_ssize result, const ngtcp2_pkt_info& info);
     void raise_anchor();
     void take_over_path();
-    size_t largest_datagram() const;
-    bool chunk_room(size_t datagram) const;
+    size_t largest_datagram(bool anchored) const;
+    bool chunk_room(size_t packets) const;
 
     void fail(int library_error);
     void end(ending why);

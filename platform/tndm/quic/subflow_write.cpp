@@ -110,8 +110,8 @@ subflow::written subflow::write_packet(core::instant now, std::span<uint8_t> out
     if (bundle_ == nullptr || !may_send_) {
         return write_idle(now, out);
     }
-    const size_t largest = largest_datagram();
     if (probes_due_ > 0) {
+        const size_t largest = largest_datagram(true);
         const written packet =
             write_datagram(now, out, bundle_->probe_copy(lane_, largest).value_or(core::bundle::probe()), true);
         if (packet.result == write_result::packet) {
@@ -122,12 +122,13 @@ subflow::written subflow::write_packet(core::instant now, std::span<uint8_t> out
     }
     const core::lane* lane = bundle_->find_lane(lane_);
     const bool suspect = lane != nullptr && lane->suspect();
-    if (suspect || chunk_room(largest)) {
+    if (suspect || chunk_room(1)) {
+        const bool tail = last_of_batch || !chunk_room(2);
+        const size_t largest = largest_datagram(tail);
         if (const auto datagram = bundle_->next(lane_, largest, now)) {
-            const bool is_probe = datagram->record.what == core::content::probe;
+            // What does not fill its packet is the last that there is for now, or a probe.
             const bool full = datagram->size() + 64 > largest;
-            const bool anchored = last_of_batch || is_probe || !full || !chunk_room(2 * largest);
-            const written packet = write_datagram(now, out, *datagram, anchored);
+            const written packet = write_datagram(now, out, *datagram, tail || !full);
             if (packet.result == write_result::nothing && suspect) {
                 bundle_->probe_refused(lane_, now);
             }
@@ -145,9 +146,10 @@ subflow::written subflow::write_packet(core::instant now, std::span<uint8_t> out
     return bundle_->has_more(lane_) ? write_acknowledgements(now, out) : write_idle(now, out);
 }
 
-// Payload of a datagram that fits this path with an anchor and a short acknowledgement beside it. The library takes a
-// datagram that is too large for a window that is full, so this must never be above what fits.
-size_t subflow::largest_datagram() const {
+// Payload of a datagram that fits this path with a short acknowledgement and, when `anchored`, an anchor beside it:
+// full packets have one size either way, so they leave in one segmented run. The library takes a datagram that is too
+// large for a window that is full, so this must never be above what fits.
+size_t subflow::largest_datagram(bool anchored) const {
     const size_t discovered = ngtcp2_conn_get_path_max_tx_udp_payload_size(connection_);
     size_t payload = discovered;
     if (small_only_) {
@@ -155,14 +157,15 @@ size_t subflow::largest_datagram() const {
     } else if (discovered <= smallest_payload) {
         payload = std::min(payload, settings_.first_payload);
     }
-    return payload - packet_overhead - ngtcp2_conn_get_dcid(connection_)->datalen - anchor_room - acknowledgement_room;
+    return payload - packet_overhead - ngtcp2_conn_get_dcid(connection_)->datalen - acknowledgement_room -
+           (anchored ? anchor_room : 0);
 }
 
-// Whether the window has room for a chunk and, behind it, for the probes that a dark path will need: a window filled to
-// the brim cannot even ask whether the path has come back.
-bool subflow::chunk_room(size_t datagram) const {
+// Whether the window has room for so many full packets and, behind them, for the probes that a dark path will need: a
+// window filled to the brim cannot even ask whether the path has come back.
+bool subflow::chunk_room(size_t packets) const {
     const uint64_t reserve = std::min<uint64_t>(4 * largest_packet, window_ / 4);
-    return ngtcp2_conn_get_cwnd_left(connection_) >= reserve + datagram;
+    return ngtcp2_conn_get_cwnd_left(connection_) >= reserve + packets * largest_packet;
 }
 
 subflow::written subflow::write_control_stream(core::instant now, std::span<uint8_t> out) {
