@@ -73,16 +73,15 @@ advanced_connection_context_t::~advanced_connection_context_t() {
     }
     // Holds a caller's loop still until nothing of this context is left on it. What was registered after an own loop
     // had ended is closed here, too.
-    if (!own_loop_) loop->ops->enter(loop);
+    if (loop) loop->ops->enter(loop);
     update_forwarding();
     if (period_timer) loop->ops->timer_destroy(loop, period_timer);
     if (ioevt_async) loop->ops->async_destroy(loop, ioevt_async);
     if (update_async) loop->ops->async_destroy(loop, update_async);
-    if (!own_loop_) {
-        loop->ops->leave(loop);
-    } else if (on_own_thread) {
+    if (loop) loop->ops->leave(loop);
+    if (on_own_thread) {
         *loop_orphaned_ = true;
-    } else if (loop) {
+    } else if (own_loop_ && loop) {
         loop->ops->destroy(loop);
     }
     pending_remote.clear();

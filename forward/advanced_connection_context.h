@@ -38,7 +38,8 @@ enum class delivery_t { classic, lossless };
 // and opened on short-lived worker threads, which also call the on_create_* hooks.
 //
 // Locks: `table_lock`, then a record's `lock`; `tx_queue_lock` and the workers' gate are taken alone or last. No lock
-// is held over a hook. The transport's functions must not call back from inside a call.
+// is held over a hook, nor where another thread than the loop's wakes it. The transport's functions must not call back
+// from inside a call.
 class TANDEM_API advanced_connection_context_t : public default_connection_context_t {
   public:
     enum forward_type_t : int32_t { TYPE_TCP = 1, TYPE_UDP = 2, TYPE_VPN = 3 };

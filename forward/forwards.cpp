@@ -26,7 +26,7 @@ int advanced_connection_context_t::add_tcp_forward(int fd, const std::string& ta
                     fd, target_addr.c_str(), target_port);
         return -1;
     }
-    std::lock_guard guard(table_lock);
+    std::unique_lock guard(table_lock);
     if (!insert_forward(fd, TYPE_TCP, target_addr, target_port, keep_open)) {
         log_message("add_tcp_forward", __LINE__, "Add TCP forward - ERROR! The socket (%d) is already existed!\n", fd);
         return -1;
@@ -34,6 +34,7 @@ int advanced_connection_context_t::add_tcp_forward(int fd, const std::string& ta
     log_message("add_tcp_forward", __LINE__,
                 "Add TCP forward - New item added. (fd=%d, target-addr=%s, target-port=%u)\n", fd, target_addr.c_str(),
                 target_port);
+    guard.unlock();
     wake(update_async);
     return fd;
 }
@@ -46,7 +47,7 @@ int advanced_connection_context_t::add_udp_forward(int fd, const std::string& ta
                     fd, target_addr.c_str(), target_port);
         return -1;
     }
-    std::lock_guard guard(table_lock);
+    std::unique_lock guard(table_lock);
     if (!insert_forward(fd, TYPE_UDP, target_addr, target_port, keep_open)) {
         log_message("add_udp_forward", __LINE__, "Add UDP forward - ERROR! The socket is already existed!\n");
         return -1;
@@ -54,6 +55,7 @@ int advanced_connection_context_t::add_udp_forward(int fd, const std::string& ta
     log_message("add_udp_forward", __LINE__,
                 "Add UDP forward - New item added. (fd=%d, target-addr=%s, target-port=%u)\n", fd, target_addr.c_str(),
                 target_port);
+    guard.unlock();
     wake(update_async);
     return fd;
 }
@@ -65,13 +67,14 @@ int advanced_connection_context_t::add_vpn_forward(int tun_tap_fd, const std::st
                     tun_tap_fd, target_options.c_str());
         return -1;
     }
-    std::lock_guard guard(table_lock);
+    std::unique_lock guard(table_lock);
     if (!insert_forward(tun_tap_fd, TYPE_VPN, target_options, 0, keep_open)) {
         log_message("add_vpn_forward", __LINE__, "Add VPN forward - ERROR! The socket is already existed!\n");
         return -1;
     }
     log_message("add_vpn_forward", __LINE__, "Add VPN forward - New item added. (fd=%d, target-options=%s)\n",
                 tun_tap_fd, target_options.c_str());
+    guard.unlock();
     wake(update_async);
     return tun_tap_fd;
 }

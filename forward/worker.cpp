@@ -190,6 +190,7 @@ void advanced_connection_context_t::finish_worker(worker_gate_t& gate, forward_d
     while (state != STATE_TO_CLOSE && state != STATE_CLOSED &&
            !record.state.compare_exchange_weak(state, done ? STATE_TO_OPEN : STATE_TO_CLOSE)) {
     }
+    guard.unlock();
     visit.context()->wake(visit.context()->update_async);
 }
 

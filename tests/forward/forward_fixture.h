@@ -155,9 +155,21 @@ class forward_fixture : public testing::Test {
         push(99, std::string("\x03\xa2TC"));
         fake::clear_calls();
     }
+    // As from one of the loop's callbacks: with the loop's lock.
+    template <typename action_t>
+    auto on_loop(action_t action) {
+        loop.handle()->ops->enter(loop.handle());
+        const std::shared_ptr<void> leave(nullptr, [this](void*) { loop.handle()->ops->leave(loop.handle()); });
+        return action();
+    }
+    int remove(int handle) {
+        return on_loop([&] { return context->remove_forward(handle); });
+    }
     void push(uint64_t stream_id, const std::string& bytes, bool fin = false) {
-        context->push_stream_data(stream_id, reinterpret_cast<const uint8_t*>(bytes.data()),
-                                  static_cast<uint32_t>(bytes.size()), fin ? 1 : 0);
+        on_loop([&] {
+            context->push_stream_data(stream_id, reinterpret_cast<const uint8_t*>(bytes.data()),
+                                      static_cast<uint32_t>(bytes.size()), fin ? 1 : 0);
+        });
     }
     // Runs the loop until there is nothing left to do.
     void settle() {

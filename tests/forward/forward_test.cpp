@@ -42,7 +42,7 @@ TEST_F(forwards, wrong_or_repeated_arguments_add_nothing) {
     EXPECT_NE(twice.find("]Add TCP forward - ERROR! The socket (" + std::to_string(int{tun.ours}) +
                          ") is already existed!\n"),
               std::string::npos);
-    EXPECT_EQ(printed([&] { EXPECT_EQ(context->remove_forward(12345), 0); }), "");
+    EXPECT_EQ(printed([&] { EXPECT_EQ(remove(12345), 0); }), "");
 }
 
 TEST_F(forwards, removed_before_the_first_pass_it_is_never_opened) {
@@ -51,7 +51,7 @@ TEST_F(forwards, removed_before_the_first_pass_it_is_never_opened) {
     context->add_tcp_forward(fd, "t", 1, false);
     EXPECT_EQ(context->forwards.at(fd)->state, detail::STATE_TO_OPEN);
     // On the loop's thread the pass runs inside the call.
-    const std::string line = printed([&] { EXPECT_EQ(context->remove_forward(fd), 1); });
+    const std::string line = printed([&] { EXPECT_EQ(remove(fd), 1); });
     EXPECT_NE(line.find("]Removing forward - (handle=" + std::to_string(fd) + ", type=TCP, target=t:1)\n"),
               std::string::npos);
     EXPECT_TRUE(tables_empty());
@@ -66,7 +66,7 @@ TEST_F(forwards, removing_one_closes_its_connections_only) {
     const int b = listen_forward(port_b, true);
     const fd_t client_a = accept_client(port_a, stream_a);
     const fd_t client_b = accept_client(port_b, stream_b);
-    context->remove_forward(a);
+    remove(a);
     EXPECT_TRUE(fake::stream(connection, stream_a).fin);
     EXPECT_FALSE(fake::stream(connection, stream_b).fin);
     EXPECT_EQ(end_of(client_a), "EOF");
@@ -74,7 +74,7 @@ TEST_F(forwards, removing_one_closes_its_connections_only) {
     EXPECT_FALSE(is_open(a));
     EXPECT_EQ(context->local_streams.size(), 1u);
 
-    context->remove_forward(b);
+    remove(b);
     EXPECT_EQ(end_of(client_b), "EOF");
     EXPECT_TRUE(is_open(b));
     EXPECT_TRUE(tables_empty());
@@ -166,10 +166,10 @@ TEST_F(forwards, udp_sources_have_a_stream_each_and_datagrams_keep_their_bounds)
 
     auto peer = context->udp_peers.begin()->second;
     peer->last_active_us -= 119000000;
-    context->period_check();
+    on_loop([&] { context->period_check(); });
     EXPECT_EQ(context->udp_peers.size(), 1u);
     peer->last_active_us -= 2000000;
-    context->period_check();
+    on_loop([&] { context->period_check(); });
     EXPECT_TRUE(context->udp_peers.empty() && context->local_streams.empty());
 
     ASSERT_EQ(send(b, "", 0, 0), 0);
@@ -182,7 +182,7 @@ TEST_F(forwards, a_tun_device_is_one_instance_and_a_frame_is_one_packet) {
     const uint64_t stream_id = connection->next_stream;
     context->add_vpn_forward(tun.ours, "mode:tap", true);
     settle();
-    context->update_forwarding();
+    on_loop([&] { context->update_forwarding(); });
     EXPECT_EQ(context->local_instances.size(), 1u);
     EXPECT_EQ(connection->next_stream, stream_id + 4);
     const std::string frame_1500(1500, 'f');
@@ -194,7 +194,7 @@ TEST_F(forwards, a_tun_device_is_one_instance_and_a_frame_is_one_packet) {
     char buffer[100];
     EXPECT_EQ(recv(tun.theirs, buffer, sizeof(buffer), 0), 3);
     EXPECT_EQ(recv(tun.theirs, buffer, sizeof(buffer), 0), 3);
-    context->remove_forward(tun.ours);
+    remove(tun.ours);
     EXPECT_TRUE(tables_empty());
     EXPECT_TRUE(is_open(tun.ours));
     EXPECT_TRUE(fake::stream(connection, stream_id).fin);

@@ -243,6 +243,7 @@ TEST(joined_contexts, survive_destruction_on_their_own_thread) {
     st_tloop_t* const loop = context->loop;
     struct job_t {
         std::unique_ptr<exposed_t> context;
+        std::promise<void> go;
         std::promise<void> done;
         void* async = nullptr;
     } job;
@@ -251,13 +252,17 @@ TEST(joined_contexts, survive_destruction_on_their_own_thread) {
     job.async = loop->ops->async_create(
         loop,
         [](st_tloop_t*, void*, void* user) {
-            static_cast<job_t*>(user)->context.reset();
-            static_cast<job_t*>(user)->done.set_value();
+            auto& task = *static_cast<job_t*>(user);
+            task.go.get_future().wait();
+            task.context.reset();
+            task.done.set_value();
         },
         &job);
     loop->ops->async_start(loop, job.async);
     loop->ops->leave(loop);
     loop->ops->async_send(loop, job.async);
+    // From here on nobody but its own thread uses the loop.
+    job.go.set_value();
     job.done.get_future().wait();
     for (int i = 0; i < 1000 && open_descriptors() != before; ++i) {
         poll(nullptr, 0, 10);
