@@ -18,6 +18,16 @@ link_fixture_t::link_fixture_t() : secret_(scratch_.write("secret", "open sesame
     if (at != std::string::npos) pin_ = printed.substr(at, 4 + 64);
 }
 
+link_fixture_t::~link_fixture_t() {
+    for (const char* name : {"server.log", "client.log"}) {
+        const std::string log = read_file(scratch_.path(name));
+        for (const char* sign : {"Sanitizer", "runtime error:"}) {
+            const size_t at = log.find(sign);
+            EXPECT_EQ(at, std::string::npos) << name << ": " << log.substr(std::min(at, log.size()), 8000);
+        }
+    }
+}
+
 std::vector<std::string> link_fixture_t::server_args() const {
     return {program(),  "server", "--cert",   scratch_.path("tls/cert.pem"), "--key", scratch_.path("tls/key.pem"),
             "--secret", secret_,  "--listen", std::to_string(port_),         "--log", scratch_.path("server.log")};

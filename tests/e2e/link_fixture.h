@@ -12,10 +12,14 @@ namespace tandem::test {
 // How much a bulk transfer carries: less in builds that are many times slower.
 inline constexpr uint64_t bulk_bytes = uint64_t{TANDEM_E2E_BULK_MIB} << 20;
 
-// A certificate, a secret and a UDP port, and the commands that use them.
+// A certificate, a secret and a UDP port, and the commands that use them. Outlives the processes that it starts: at its
+// end it looks into their logs for what a sanitizer has found.
 class link_fixture_t {
   public:
     link_fixture_t();
+    link_fixture_t(const link_fixture_t&) = delete;
+    link_fixture_t& operator=(const link_fixture_t&) = delete;
+    ~link_fixture_t();
 
     // `before` comes before the program, for example a command that enters a namespace.
     process_t start_server(const std::vector<std::string>& before = {}) const;
