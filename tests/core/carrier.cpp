@@ -40,8 +40,13 @@ void carrier::pull(instant now) {
             }
             return;
         }
+        const bool expected = owner_.has_more(lane_);
         const auto datagram = owner_.next(lane_, settings_.payload, now);
         if (!datagram) {
+            return;
+        }
+        if (!expected && datagram->record.what != core::content::probe) {
+            complaint_ = "something to send that has_more() did not know of";
             return;
         }
         if (datagram->size() > settings_.payload || datagram->size() == 0) {

@@ -1,6 +1,6 @@
-// A model of the connection beneath a lane: it numbers packets, acknowledges them, declares them lost, probes, and holds
-// a congestion window. What it shares with a QUIC connection that carries DATAGRAM frames is what the bundle can notice:
-// no retransmission, losses reported only once something younger has arrived, probes that back off.
+// A model of the connection beneath a lane: it numbers packets, acknowledges them, declares them lost, probes, and
+// holds a congestion window. What it shares with a QUIC connection that carries DATAGRAM frames is what the bundle can
+// notice: no retransmission, losses reported only once something younger has arrived, probes that back off.
 #ifndef TANDEM_TESTS_CORE_CARRIER_H
 #define TANDEM_TESTS_CORE_CARRIER_H
 

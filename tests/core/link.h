@@ -34,12 +34,12 @@ struct packet {
 };
 
 struct link_settings {
-    double mbit = 50;     // rate
+    double mbit = 50;                               // rate
     duration delay{std::chrono::milliseconds(20)};  // one way
-    duration jitter{0};   // added to each packet, uniformly from 0: packets overtake each other
-    size_t queue = 0;     // bytes; 0: what the rate carries in twice the delay, 30 kB at least
-    double loss = 0;      // share of packets
-    double burst = 1;     // mean number of packets lost in a row; 1: each on its own
+    duration jitter{0};  // added to each packet, uniformly from 0: packets overtake each other
+    size_t queue = 0;    // bytes; 0: what the rate carries in twice the delay, 30 kB at least
+    double loss = 0;     // share of packets
+    double burst = 1;    // mean number of packets lost in a row; 1: each on its own
 };
 
 class link {

@@ -45,8 +45,8 @@ class many_seeds : public bundle_test {
         o.seed = seed;
         for (core::limits* l : {&o.client, &o.server}) {
             l->streams = dice_.between(1, 40);
-            l->stream_window = dice_.between(1, 300'000);
-            l->connection_window = dice_.between(1, 600'000);
+            l->stream_window = dice_.between(3000, 300'000);
+            l->connection_window = dice_.between(3000, 600'000);
             l->stream_window_max = l->stream_window * dice_.between(1, 10);
             l->connection_window_max = l->connection_window * dice_.between(1, 10);
             l->paused_allowance = dice_.below(500'000);

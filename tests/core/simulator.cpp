@@ -28,8 +28,7 @@ const uint8_t* pattern(core::role writer, uint64_t stream, uint64_t offset) {
 
 }  // namespace
 
-host::host(core::role role, const core::limits& own, const core::limits& peer)
-    : bundle(role, own, peer), role_(role) {}
+host::host(core::role role, const core::limits& own, const core::limits& peer) : bundle(role, own, peer), role_(role) {}
 
 void host::deliver_all(instant now) {
     most_held = std::max(most_held, bundle.bytes_held());

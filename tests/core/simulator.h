@@ -58,7 +58,7 @@ class host {
     core::bundle bundle;
     std::map<uint64_t, outbox> sent;
     std::map<uint64_t, inbox> received;
-    std::vector<event> log;       // every delivery
+    std::vector<event> log;        // every delivery
     std::vector<uint64_t> closed;  // streams that are over
     uint64_t most_held = 0;        // the peak of bytes_held()
     uint64_t total_received = 0;
@@ -110,7 +110,9 @@ class simulator {
 
     // --- time ---
     void at(instant when, std::function<void()> action);
-    void run_for(duration time) { run_until([] { return false; }, time); }
+    void run_for(duration time) {
+        run_until([] { return false; }, time);
+    }
     // False when `limit` has passed before `done` held; it is asked after every event.
     bool run_until(const std::function<bool()>& done, duration limit);
 

@@ -52,9 +52,9 @@ TEST_F(transfer, reordering_is_not_taken_for_loss) {
 
 // The last chunks of a burst are lost and nothing follows that could tell.
 TEST_F(transfer, the_tail_of_a_burst_is_recovered_without_further_data) {
-    for (const carrier_settings& habit : {carrier_settings{}, carrier_settings{.forgets = 1},
-                                          carrier_settings{.probes_tails = false},
-                                          carrier_settings{.forgets = 1, .probes_tails = false}}) {
+    for (const carrier_settings& habit :
+         {carrier_settings{}, carrier_settings{.forgets = 1}, carrier_settings{.probes_tails = false},
+          carrier_settings{.forgets = 1, .probes_tails = false}}) {
         SCOPED_TRACE("forgets " + std::to_string(habit.forgets) + ", probes tails " +
                      std::to_string(habit.probes_tails));
         options o;
