@@ -3,7 +3,6 @@
 #include <system_error>
 
 #include "forward/message_log.h"
-#include "forward/steady_time.h"
 #include "forward/worker_gate.h"
 
 namespace tandem {
@@ -18,8 +17,6 @@ advanced_connection_context_t& of(void* user) {
 }
 
 }  // namespace
-
-advanced_connection_context_t::forward_detail::forward_detail() : last_active_us(steady_time_us()) {}
 
 advanced_connection_context_t::forward_detail::~forward_detail() {
     if (!connect_thread.joinable()) return;

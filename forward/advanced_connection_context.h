@@ -57,7 +57,7 @@ class TANDEM_API advanced_connection_context_t : public default_connection_conte
     // A registered forward, or one forwarded flow: a descriptor and its stream. The loop's thread owns the record;
     // `lock` guards what other threads reach too.
     struct TANDEM_API forward_detail {
-        forward_detail();
+        forward_detail() = default;
         forward_detail(const forward_detail&) = delete;
         forward_detail& operator=(const forward_detail&) = delete;
         // Joins the worker, or lets go of it when it is the worker itself that drops the last reference.

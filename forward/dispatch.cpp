@@ -3,6 +3,7 @@
 
 #include "forward/advanced_connection_context.h"
 #include "forward/message_log.h"
+#include "forward/steady_time.h"
 #include "link/tndm.h"
 
 namespace tandem {
@@ -181,6 +182,7 @@ void advanced_connection_context_t::accept_request(uint64_t stream_id, const fwd
     inst->stream_id = stream_id;
     inst->target_address = request.target_address;
     inst->target_port = request.target_port;
+    inst->last_active_us = steady_time_us();
     inst->flow.stream_ended = ended;
     {
         std::lock_guard guard(table_lock);

@@ -89,6 +89,7 @@ bool advanced_connection_context_t::insert_forward(int fd, int32_t type, const s
     forward->state = STATE_TO_OPEN;
     forward->target_address = target;
     forward->target_port = port;
+    forward->last_active_us = steady_time_us();
     forwards.emplace(fd, std::move(forward));
     return true;
 }

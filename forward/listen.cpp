@@ -11,6 +11,7 @@
 #include "forward/advanced_connection_context.h"
 #include "forward/descriptor.h"
 #include "forward/message_log.h"
+#include "forward/steady_time.h"
 
 namespace tandem {
 
@@ -110,6 +111,7 @@ advanced_connection_context_t::record_t advanced_connection_context_t::make_inst
     inst->stream_id = stream_id;
     inst->target_address = forward.target_address;
     inst->target_port = forward.target_port;
+    inst->last_active_us = steady_time_us();
     return inst;
 }
 
@@ -172,7 +174,8 @@ void advanced_connection_context_t::accept_one(const record_t& forward, int fd, 
         add_local(inst);
     }
     if (create_socket_connection_instance(inst, true)) {
-        start_tx(inst);
+        // With lossless delivery the watcher is on only while a write waits for room.
+        if (!lossless()) start_tx(inst);
         start_rx(inst);
     } else {
         wake(update_async);

@@ -75,6 +75,22 @@ TEST_F(lossless, everything_before_the_end_is_written_then_the_socket_shut_down)
     EXPECT_TRUE(tables_empty());
 }
 
+// Each packet of the last delivery says that the stream ends; only behind the last one it has.
+TEST_F(lossless, the_end_comes_behind_the_last_packet_of_its_delivery) {
+    uint64_t stream_id = peer_stream;
+    for (const std::string& last : {std::string(), end_of_stream}) {
+        socket_pair_t sockets = open_remote(stream_id);
+        settle();
+        push(stream_id, frame("one ") + frame("two ") + frame("three") + last, true);
+        settle();
+        std::string end;
+        EXPECT_EQ(read_all(sockets.theirs, &end), "one two three");
+        EXPECT_EQ(end, "EOF");
+        EXPECT_EQ(remote(stream_id).state, detail::STATE_OPEN);
+        stream_id += 4;
+    }
+}
+
 TEST_F(lossless, an_end_of_file_ends_one_direction_only) {
     unsigned short port = 0;
     uint64_t stream_id = 0;
