@@ -93,12 +93,12 @@ std::string process_t::wait_line(const std::string& prefix, std::chrono::millise
 }
 
 bool process_t::wait_error(const std::string& part, std::chrono::milliseconds limit) const {
-    const auto deadline = clock_t::now() + limit;
-    while (errors().find(part) == std::string::npos) {
-        if (clock_t::now() >= deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));  // a file does not tell when it grows
-    }
-    return true;
+    return comes_true([&] { return errors().find(part) != std::string::npos; }, limit);
+}
+
+size_t process_t::descriptors() const {
+    const std::filesystem::directory_iterator open("/proc/" + std::to_string(pid_) + "/fd");
+    return static_cast<size_t>(std::distance(open, {}));
 }
 
 void process_t::signal(int number) const {
@@ -129,6 +129,15 @@ std::string process_t::errors() const {
         text.append(bytes, static_cast<size_t>(got));
     }
     return text;
+}
+
+bool comes_true(const std::function<bool()>& condition, std::chrono::milliseconds limit) {
+    const auto deadline = clock_t::now() + limit;
+    while (!condition()) {
+        if (clock_t::now() >= deadline) return false;
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    return true;
 }
 
 std::string run(const std::vector<std::string>& args, int expected_code) {

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 
 #include <chrono>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -35,7 +36,8 @@ class process_t {
     std::string rest_of_output();
     // What is on standard error so far.
     std::string errors() const;
-    pid_t pid() const { return pid_; }
+    // How many descriptors it has open.
+    size_t descriptors() const;
 
   private:
     bool read_more(std::chrono::steady_clock::time_point deadline);
@@ -48,6 +50,9 @@ class process_t {
     app::file_t errors_;
     std::string buffer_;
 };
+
+// Whether `condition` becomes true within `patience`: for what tells nobody when it changes.
+bool comes_true(const std::function<bool()>& condition, std::chrono::milliseconds limit = patience);
 
 // Runs a program to its end; fails the test when that is not its exit code.
 std::string run(const std::vector<std::string>& args, int expected_code = 0);
