@@ -53,6 +53,10 @@ void carrier::pull(instant now) {
             complaint_ = "a datagram of " + std::to_string(datagram->size()) + " bytes";
             return;
         }
+        if (datagram->record.what == core::content::chunk && datagram->record.part.empty()) {
+            complaint_ = "a chunk of nothing";
+            return;
+        }
         send_datagram(*datagram, now);
     }
 }

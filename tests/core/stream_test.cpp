@@ -183,6 +183,18 @@ TEST_F(stream, credit_comes_back_as_streams_end) {
     expect_intact();
 }
 
+TEST_F(stream, credit_that_is_lost_on_the_way_is_told_again) {
+    options o;
+    o.server.streams = 1;
+    start({{.delay = 5ms, .loss = 0.2}}, o);
+    for (uint64_t i = 0; i < 60; ++i) {
+        send(client(), 4 * i + 2, 10, true);
+        EXPECT_TRUE(sim().run_until([&] { return client().bundle.stream_credit(1) == i + 2; }, 3s)) << i;
+    }
+    run_until_done(3s);
+    expect_intact();
+}
+
 TEST_F(stream, small_ones_take_turns_with_a_large_one) {
     start({{.mbit = 50, .delay = 10ms}}, with_window(150'000));
     // What comes first on the first stream goes before everything else; the rest takes turns.

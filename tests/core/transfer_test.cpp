@@ -26,6 +26,18 @@ TEST_F(transfer, two_unequal_paths_add_up) {
     EXPECT_LT(longest_pause(server(), after(1s)), 300ms);
 }
 
+// A hole that the slow path were to fill would keep what follows it waiting for that path's loaded round trip.
+TEST_F(transfer, holes_are_filled_over_the_faster_path) {
+    start({{.mbit = 40, .delay = 150ms, .loss = 0.01}, {.mbit = 40, .delay = 10ms, .loss = 0.01}},
+          with_window(150'000, 5));
+    send(client(), 0, 20 * megabyte, true);
+    run_until_done(30s);
+    expect_intact();
+    const auto resent = [&](size_t path) { return sim().lane_of(client(), path)->counters().bytes_resent; };
+    EXPECT_GT(resent(1), 100'000U);
+    EXPECT_LT(resent(0), resent(1) / 50);
+}
+
 TEST_F(transfer, independent_and_bursty_losses_cost_little_more_than_themselves) {
     for (const double loss : {0.01, 0.05}) {
         for (const double burst : {1.0, 8.0}) {
@@ -79,8 +91,10 @@ TEST_F(transfer, the_tail_of_a_burst_is_recovered_without_further_data) {
 TEST_F(transfer, losses_that_are_never_reported_are_found_out) {
     options o = with_window(300'000, 3);
     o.carriers.forgets = 0.3;
+    // So large that the sender never stops for a hole: nothing falls silent.
+    o.server.stream_window = o.server.connection_window = 100 * megabyte;
     start({{.mbit = 50, .delay = 20ms, .loss = 0.01}}, o);
-    send(client(), 0, 5 * megabyte, true);
+    send(client(), 0, 30 * megabyte, true);
     send(server(), 1, megabyte, true);
     run_until_done(20s);
     expect_intact();
