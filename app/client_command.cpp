@@ -8,8 +8,10 @@
 
 #include "app/failure.h"
 #include "app/listener.h"
+#include "app/local_path.h"
 #include "app/main_loop.h"
 #include "app/secret_file.h"
+#include "app/trust.h"
 #include "gateway/client_context.h"
 #include "link/link.h"
 
@@ -79,13 +81,19 @@ void client_t::start() {
     });
     link_.set_problem_handler([this](int problem, const std::string& text) { on_problem(problem, text); });
     if (link_.create(to_options(command_), loop_.get()) != 0) {
-        throw failure_t("cannot start the link to " + command_.server.text() +
-                        "; the messages above or in the log file say why");
+        const std::string authorities = trust_authority_file(command_.trust);
+        if (authorities.empty()) {
+            throw failure_t("cannot start the link to " + command_.server.text() +
+                            "; the messages above or in the log file say why");
+        }
+        throw failure_t("--trust: cannot use " + printable(authorities) +
+                        " as authorities; give a PEM file of certificates that this user can read");
     }
     for (const std::string& path : command_.paths) {
         if (link_.path_add(path.c_str()) != 0) {
             throw failure_t("--path: cannot use " + path + "; give a local address or the name of an interface");
         }
+        if (!is_path_present(path)) say("path " + path + " is not there now; it is used once it comes");
     }
 }
 

@@ -26,6 +26,13 @@ std::string pair_fault(std::string_view pair) {
     return "give pin:HEX, ca:FILE, name:TEXT or insecure:yes, parted by ';'";
 }
 
+std::string_view take_pair(std::string_view& text) {
+    const size_t end = std::min(text.find(';'), text.size());
+    const std::string_view pair = text.substr(0, end);
+    text.remove_prefix(std::min(end + 1, text.size()));
+    return pair;
+}
+
 }  // namespace
 
 std::string trust_fault(std::string_view text) {
@@ -33,11 +40,18 @@ std::string trust_fault(std::string_view text) {
     if (std::any_of(text.begin(), text.end(), [](char c) { return c >= 0 && c < ' '; }))
         return "remove the control characters";
     while (!text.empty()) {
-        const size_t end = std::min(text.find(';'), text.size());
-        const std::string_view pair = text.substr(0, end);
-        text.remove_prefix(std::min(end + 1, text.size()));
+        const std::string_view pair = take_pair(text);
         if (pair.empty()) continue;
         if (std::string fault = pair_fault(pair); !fault.empty()) return fault;
+    }
+    return "";
+}
+
+std::string trust_authority_file(std::string_view text) {
+    constexpr std::string_view key = "ca:";
+    while (!text.empty()) {
+        const std::string_view pair = take_pair(text);
+        if (pair.substr(0, key.size()) == key) return std::string(pair.substr(key.size()));
     }
     return "";
 }

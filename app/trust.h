@@ -11,6 +11,9 @@ namespace tandem::app {
 // authorities then decide. Reads no file.
 std::string trust_fault(std::string_view text);
 
+// The file that a text without fault names as the authorities', empty when it names none.
+std::string trust_authority_file(std::string_view text);
+
 }  // namespace tandem::app
 
 #endif  // TANDEM_APP_TRUST_H

@@ -55,7 +55,20 @@ TEST(program, a_client_that_cannot_start_tells_why) {
                 "cannot listen on TCP 127.0.0.1:" + port);
     expect_part(complaint(link.client_args(1, "no-such-host.invalid", {"127.0.0.2"}), 1),
                 "no-such-host.invalid does not resolve");
+    expect_part(complaint(with(link.client_args(1), "--trust", "name:a;ca:/none"), 1), "--trust: cannot use /none");
     expect_part(complaint(with(link.client_args(1), "--secret", link.scratch().write("empty", "")), 1), "is empty");
+}
+
+TEST(program, a_path_that_is_missing_is_told_and_waited_for) {
+    const link_fixture_t link;
+    const service_t service(echo);
+    process_t server = link.start_server();
+    process_t client(link.client_args(service.port(), "127.0.0.1", {"none0", "192.0.2.1", "127.0.0.2"}));
+    EXPECT_EQ(exchange(connect_tcp(wait_forward(client)).fd(), 1, 1000), "");
+    const std::string told = client.errors();
+    expect_part(told, "none0 is not there now");
+    expect_part(told, "192.0.2.1 is not there now");
+    EXPECT_EQ(count_lines(told), 2U) << told;
 }
 
 TEST(program, a_refused_client_ends_and_the_server_goes_on) {
