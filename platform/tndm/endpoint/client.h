@@ -69,6 +69,7 @@ class client : public engine {
     void abandon(const std::shared_ptr<lane>& of, close_code code, const pass& p);
     void tell_problem(int problem, const std::string& text);
     path* path_of(const lane& of);
+    bool is_last(const lane& of) const;
 
     const target target_;
     resolver resolver_;

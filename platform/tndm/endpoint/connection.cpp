@@ -111,6 +111,9 @@ core::instant connection::deadline() const {
     if (orphan_since_ != core::never && !ended_) {
         next = std::min(next, orphan_since_ + linger_);
     }
+    if (paths_outdated_) {
+        next = std::min(next, next_refresh_);
+    }
     return next;
 }
 
@@ -208,6 +211,7 @@ void connection::flush(const pass& p) {
             return of_a != nullptr && of_b != nullptr && of_a->rtt() < of_b->rtt();
         });
     }
+    watch_lanes(p.now);  // an acknowledgement may have brought a silent lane back
     // Once the end has been told there is only what a closing application had queued.
     if (!ended_) {
         for (carrier* lane : carriers_) {
@@ -229,7 +233,8 @@ void connection::flush(const pass& p) {
             ledger_->set_credit(kind, credit);
         }
     }
-    if (p.now >= next_refresh_) {
+    paths_outdated_ = p.now < next_refresh_;
+    if (!paths_outdated_) {
         next_refresh_ = p.now + refresh_interval;
         refresh_paths();
     }

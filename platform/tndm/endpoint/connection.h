@@ -115,6 +115,7 @@ class connection {
     core::instant orphan_since_ = core::never;  // no lane has answered since
     core::instant next_statistics_ = core::never;
     core::instant next_refresh_{};
+    bool paths_outdated_ = false;  // something has happened since the paths' figures were told to the ledger
     core::delivery delivery_;
     std::vector<uint64_t> writable_;
     std::unordered_set<uint64_t> peer_streams_;  // of the peer's, those that the ledger knows

@@ -79,6 +79,9 @@ bool engine::run(const pass& p) {
             continue;
         }
         advance(lane, p);
+        if (env_.dead) {
+            return false;
+        }
         if (carriers_.count(lane.get()) == 0) {
             continue;
         }
@@ -93,6 +96,9 @@ bool engine::run(const pass& p) {
         }
     }
     advance_own(p);
+    if (env_.dead) {
+        return false;
+    }
     serve(p);
     return !env_.dead && (!touched_carriers_.empty() || !touched_connections_.empty());
 }

@@ -24,7 +24,8 @@ namespace tndm {
 struct driver {
     virtual ~driver() = default;
     virtual pass begin() = 0;
-    virtual void finish(const pass& p) = 0;
+    // False when the instance has been destroyed meanwhile: the engine is then gone, or about to go.
+    virtual bool finish(const pass& p) = 0;
 };
 
 // What an engine works with; everything outlives it.

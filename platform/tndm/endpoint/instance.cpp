@@ -220,7 +220,7 @@ pass instance::begin() {
     return {monotonic_now(), buffer_};
 }
 
-void instance::finish(const pass& p) {
+bool instance::finish(const pass& p) {
     const auto self = shared_from_this();  // a callback may destroy the instance
     apply_commands(p);
     // Answers to what was just delivered go out in the same pass; a peer that never stops must not keep the loop for
@@ -233,7 +233,7 @@ void instance::finish(const pass& p) {
     }
     --depth_;
     if (dead_) {
-        return;
+        return false;
     }
     if (more) {
         commands_->wake();
@@ -241,6 +241,7 @@ void instance::finish(const pass& p) {
     if (engine_ != nullptr) {
         timer_->arm(engine_->deadline());
     }
+    return true;
 }
 
 void instance::apply_commands(const pass& p) {

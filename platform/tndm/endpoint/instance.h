@@ -46,7 +46,7 @@ class instance : public driver, public std::enable_shared_from_this<instance> {
 
     // --- driver ---
     pass begin() override;
-    void finish(const pass& p) override;
+    bool finish(const pass& p) override;
 
   private:
     instance(const st_tndm_instance_t& record, ngtcp2_cc_algo congestion, void* user);

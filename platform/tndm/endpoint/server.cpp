@@ -96,11 +96,10 @@ server::~server() {
 // --- reading ---
 
 void server::readable() {
-    for (int i = 0; i < batches_at_once && !env_.dead; ++i) {
+    for (int i = 0; i < batches_at_once; ++i) {
         const pass p = env_.drive.begin();
         const int messages = receive(p);
-        env_.drive.finish(p);
-        if (messages < static_cast<int>(batch_receiver::message_count)) {
+        if (!env_.drive.finish(p) || messages < static_cast<int>(batch_receiver::message_count)) {
             return;
         }
     }
@@ -293,12 +292,15 @@ void server::advance(const std::shared_ptr<carrier>& of, const pass& p) {
                    join != nullptr && from.joined() == nullptr) {
             on_join(from, *join, p);
         } else {
+            if (from.joined() != nullptr) {
+                from.joined()->end(close_code::violation);
+            }
             end(from, close_code::violation, p);
             return;
         }
     }
-    if (from.flow().ended()) {
-        const auto& ending = *from.flow().ended();
+    if (from.flow().ended() || from.broken()) {
+        const auto ending = from.flow().ended().value_or(subflow::ending{.reason = "the socket has failed"});
         const bool whole = ending.code == close_code::bundle_closed || ending.code == close_code::violation;
         if (connection* const to = from.joined(); to != nullptr && whole) {
             to->end(*ending.code);

@@ -192,7 +192,7 @@ std::optional<control::message> subflow::next_message() {
     auto found = stream_in_.next();
     if (stream_in_.failed() && !ended_) {
         fatal_ = NGTCP2_ERR_PROTO;
-        end({.reason = "the peer's handshake message makes no sense"});
+        end({.code = close_code::violation, .reason = "the peer's handshake message makes no sense"});
         return std::nullopt;
     }
     if (found && std::holds_alternative<control::ready>(*found)) {

@@ -105,7 +105,7 @@ class subflow {
     std::optional<control::message> next_message();
     bool handshake_completed() const { return handshake_completed_; }
     struct ending {
-        std::optional<close_code> code = std::nullopt;  // the peer ended it on purpose
+        std::optional<close_code> code = std::nullopt;  // the peer ended it on purpose, or broke the rules
         bool reset = false;                             // the peer knows nothing of this connection (stateless reset)
         bool by_peer = false;
         std::string reason = {};  // one line
