@@ -40,12 +40,12 @@ bool tell(void* connection, command&& asked) {
 // Books and posts; `make_bytes` runs once nothing can fail any more but memory.
 template <typename F>
 int queue(void* connection, uint64_t stream_id, uint32_t len, int fin, F&& make_bytes) {
-    if (len == 0 && fin == 0) {
-        return ledger_of(connection) == nullptr ? -1 : 0;
-    }
     const auto of = ledger_of(connection);
     if (of == nullptr) {
         return -1;
+    }
+    if (len == 0 && fin == 0) {
+        return of->open() ? 0 : -1;
     }
     command asked{.what = command::kind::queue, .connection = connection, .stream = stream_id, .flag = fin != 0};
     try {
@@ -149,7 +149,11 @@ int tndm_add_to_stream_ext(void* connection, uint64_t stream_id, uint8_t* data, 
     if (data == nullptr && len != 0) {
         return -1;
     }
-    return queue(connection, stream_id, len, fin, [&] { return tndm::core::buffer(data, len); });
+    const int result = queue(connection, stream_id, len, fin, [&] { return tndm::core::buffer(data, len); });
+    if (result == 0 && len == 0 && fin == 0) {
+        std::free(data);  // nothing was queued, yet it is ours
+    }
+    return result;
 }
 
 void tndm_delete_connection(void*, void* connection) {

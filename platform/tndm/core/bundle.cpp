@@ -19,9 +19,7 @@ bundle::bundle(role own_role, const limits& own, const limits& peer)
 bool bundle::queue(uint64_t stream_id, buffer&& bytes, bool last) {
     stream* s = find(stream_id);
     if (s == nullptr) {
-        const uint64_t index = stream_id >> 2;
-        if (!is_local(stream_id) || index >= local_credit_[kind_of(stream_id)] ||
-            local_over_[kind_of(stream_id)].contains(index)) {
+        if (!may_open(stream_id)) {
             return false;
         }
         s = &open(stream_id);
@@ -49,6 +47,9 @@ bool bundle::queue(uint64_t stream_id, buffer&& bytes, bool last) {
 
 void bundle::pause(uint64_t stream_id, bool paused, instant now) {
     stream* s = find(stream_id);
+    if (s == nullptr && may_open(stream_id)) {
+        s = &open(stream_id);
+    }
     if (s == nullptr || s->paused == paused) {
         return;
     }
@@ -84,6 +85,12 @@ bundle::stream* bundle::find(uint64_t id) {
 const bundle::stream* bundle::find(uint64_t id) const {
     const auto found = streams_.find(id);
     return found == streams_.end() ? nullptr : found->second.get();
+}
+
+// Whether the id is one of ours that the peer allows and that has not been used yet.
+bool bundle::may_open(uint64_t id) const {
+    const uint64_t index = id >> 2;
+    return is_local(id) && index < local_credit_[kind_of(id)] && !local_over_[kind_of(id)].contains(index);
 }
 
 bundle::stream& bundle::open(uint64_t id) {

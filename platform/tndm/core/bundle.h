@@ -161,6 +161,7 @@ class bundle {
     bool is_local(uint64_t id) const { return ((id & 1) != 0) == (role_ == role::server); }
     stream* find(uint64_t id);
     const stream* find(uint64_t id) const;
+    bool may_open(uint64_t id) const;
     stream& open(uint64_t id);
     void retire_if_over(stream& s);
     void violate(std::string what);

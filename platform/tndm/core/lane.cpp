@@ -25,7 +25,8 @@ instant lane::probe_at() const {
     if (suspect_) {
         return std::max(last_sent_, last_try_) + std::max<duration>(std::chrono::milliseconds(100), silence() / 8);
     }
-    return heartbeat_ > duration::zero() && flight_.outstanding() == 0 ? last_sent_ + heartbeat_ : never;
+    return heartbeat_ > duration::zero() && flight_.outstanding() == 0 ? std::max(last_sent_, last_try_) + heartbeat_
+                                                                       : never;
 }
 
 instant lane::forgotten_at() const {

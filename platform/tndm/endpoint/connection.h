@@ -63,6 +63,9 @@ class connection {
     const std::vector<carrier*>& carriers() const { return carriers_; }
     const core::lane* lane_of(const carrier& of) const { return bundle_.find_lane(of.flow().lane()); }
 
+    // Since when no lane has answered; core::never while one does.
+    core::instant orphan_since() const { return orphan_since_; }
+
     // --- the application's wishes ---
     void apply(command& asked, core::instant now);
 

@@ -24,7 +24,7 @@ constexpr ngtcp2_duration token_lifetime = 10 * NGTCP2_SECONDS;
 // Batches of datagrams that are read before the loop gets its turn.
 constexpr int batches_at_once = 4;
 constexpr unsigned resets_a_second = 200;
-constexpr auto longest_linger = std::chrono::seconds(3600);
+constexpr auto longest_linger = std::chrono::seconds(120);
 constexpr size_t smallest_first_packet = 1200;
 
 std::string key_of(const uint8_t* id, size_t length) {
@@ -309,8 +309,25 @@ void server::advance(const std::shared_ptr<carrier>& of, const pass& p) {
     }
 }
 
+// A full table must not keep newcomers out for the sake of clients that have vanished: the one that has been without
+// any subflow longest goes.
+bool server::give_up_orphan() {
+    connection* longest = nullptr;
+    for (const auto& [handle, each] : connections()) {
+        if (each->carriers().empty() && !each->ended() &&
+            (longest == nullptr || each->orphan_since() < longest->orphan_since())) {
+            longest = each.get();
+        }
+    }
+    if (longest != nullptr) {
+        longest->end(close_code::bundle_closed);
+        touch(*longest);
+    }
+    return longest != nullptr;
+}
+
 void server::on_hello(lane& of, const control::hello& hello, const pass& p) {
-    if (connections().size() >= max_connections) {
+    if (connections().size() >= max_connections && !give_up_orphan()) {
         end(of, close_code::busy, p);
         return;
     }

@@ -46,6 +46,7 @@ class server : public engine {
     void send_stateless_reset(const endpoint& local, const endpoint& remote, const ngtcp2_version_cid& ids,
                               size_t received, const pass& p);
     void answer(const endpoint& local, const endpoint& remote, std::span<const uint8_t> datagram);
+    bool give_up_orphan();
     void on_hello(lane& of, const control::hello& hello, const pass& p);
     void on_join(lane& of, const control::join& join, const pass& p);
     void replace_dark_lane(connection& of, const std::string& path, const pass& p);

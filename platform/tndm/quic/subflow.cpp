@@ -242,6 +242,10 @@ void subflow::fail(int library_error) {
         case NGTCP2_ERR_DROP_CONN:
             end({.reason = "not a connection"});
             return;
+        case NGTCP2_ERR_CALLBACK_FAILURE:
+            fatal_ = library_error;
+            end({.code = close_code::violation, .reason = "the peer broke the rules"});
+            return;
         default:
             fatal_ = library_error;
             end({.reason = tls_->certificate_error().empty()

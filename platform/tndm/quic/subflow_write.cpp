@@ -108,6 +108,9 @@ subflow::written subflow::write_packet(core::instant now, std::span<uint8_t> out
         return write_control_stream(now, out);
     }
     if (bundle_ == nullptr || !may_send_) {
+        if (bundle_ != nullptr) {
+            bundle_->probe_refused(lane_, now);  // a heartbeat that is due must not be asked for without end
+        }
         return write_idle(now, out);
     }
     if (probes_due_ > 0) {
