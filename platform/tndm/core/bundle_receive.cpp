@@ -62,7 +62,7 @@ void bundle::on_chunk(const wire::chunk& chunk, instant now) {
     const uint64_t used_before = s->receive.highest();
     const size_t gaps_before = s->receive.gaps();
     const size_t ready_before = s->receive.ready();
-    if (s->receive.continues(chunk.offset) && !s->paused && !held_back(*s)) {
+    if (s->receive.continues(chunk.offset, chunk.bytes.size()) && !s->paused && !held_back(*s)) {
         lend_memory(*s);
     }
     switch (s->receive.receive(chunk.offset, chunk.bytes, chunk.last)) {

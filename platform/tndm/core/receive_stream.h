@@ -25,8 +25,8 @@ class receive_stream {
 
     // One past the highest offset ever received: what the peer has used of its windows.
     uint64_t highest() const { return highest_; }
-    // Whether bytes from `offset` on can be in order.
-    bool continues(uint64_t offset) const { return offset <= next_; }
+    // Whether these bytes would make more of the stream ready.
+    bool continues(uint64_t offset, size_t size) const { return offset <= next_ && offset + size > next_; }
     // In order and not taken yet.
     size_t ready() const { return ready_.size(); }
     // There is something to take: bytes, or the end.
