@@ -3,8 +3,8 @@
  * Plain C without dependencies. A device with a loop of its own provides the same table; the bundled loop
  * (platform/tloop) implements it over libev.
  *
- * Threads: `async_send`, `break_loop`, `in_loop_thread`, `enter` and `leave` are safe from any thread. Every other operation belongs
- * to the loop's thread, or to a thread between `enter` and `leave`.
+ * Threads: `async_send`, `break_loop`, `in_loop_thread`, `enter` and `leave` are safe from any thread. Every other
+ * operation belongs to the loop's thread, or to a thread between `enter` and `leave`.
  */
 #ifndef TANDEM_LINK_TLOOP_H
 #define TANDEM_LINK_TLOOP_H
@@ -42,7 +42,8 @@ typedef struct st_tloop_ops_t {
     /* Makes `run` return. Latched: a break before `run` has started makes that run return at once. Any thread. */
     void (*break_loop)(st_tloop_t* loop, int mode);
     void* slot_6;
-    /* Between `enter` and `leave` any thread may create, start, stop and destroy watchers: the loop's callbacks wait meanwhile. Nests. */
+    /* Between `enter` and `leave` any thread may create, start, stop and destroy watchers: the loop's callbacks wait
+     * meanwhile. Nests. */
     void (*enter)(st_tloop_t* loop);
     void (*leave)(st_tloop_t* loop);
     /* Nonzero on the thread that is running the loop. Any thread. */
@@ -52,8 +53,8 @@ typedef struct st_tloop_ops_t {
     void (*io_destroy)(st_tloop_t* loop, void* io);
     void (*io_start)(st_tloop_t* loop, void* io);
     void (*io_stop)(st_tloop_t* loop, void* io);
-    /* `delay` and `period` in microseconds. The first expiry comes after `delay`, or after one period when `delay` is 0; then every `period`;
-     * a period of 0 fires once. Made unarmed. */
+    /* `delay` and `period` in microseconds. The first expiry comes after `delay`, or after one period when `delay` is
+     * 0; then every `period`; a period of 0 fires once. Made unarmed. */
     void* (*timer_create)(st_tloop_t* loop, tloop_timer_cb callback, uint64_t delay, uint64_t period, void* user);
     void (*timer_destroy)(st_tloop_t* loop, void* timer);
     void (*timer_start)(st_tloop_t* loop, void* timer);
@@ -63,7 +64,8 @@ typedef struct st_tloop_ops_t {
     void (*async_destroy)(st_tloop_t* loop, void* async);
     void (*async_start)(st_tloop_t* loop, void* async);
     void* slot_22;
-    /* Wakes the loop so that the callback runs on its thread. Sends that come together may share one call; none is lost. Any thread. */
+    /* Wakes the loop so that the callback runs on its thread. Sends that come together may share one call; none is
+     * lost. Any thread. */
     void (*async_send)(st_tloop_t* loop, void* async);
 } st_tloop_ops_t;
 
@@ -71,8 +73,9 @@ struct st_tloop_t {
     const st_tloop_ops_t* ops;
 };
 
-/* Makes a loop. `backend` names the event library ("libev" here; any other name gives null). With `trace`, a callback that holds the loop
- * longer than `stall_us` microseconds is reported on standard error. `flags` is reserved and 0. Free it with ops->destroy. */
+/* Makes a loop. `backend` names the event library ("libev" here; any other name gives null). With `trace`, a callback
+ * that holds the loop longer than `stall_us` microseconds is reported on standard error. `flags` is reserved and 0.
+ * Free it with ops->destroy. */
 TANDEM_PLATFORM_API st_tloop_t* tloop_create(const char* backend, bool trace, uint32_t stall_us, uint32_t flags);
 
 #ifdef __cplusplus

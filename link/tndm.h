@@ -1,11 +1,12 @@
 /* The multipath transport as this system uses it: records handed in, callbacks handed back, functions.
  *
- * Plain C, no dependency but tloop.h. A device with a transport of its own provides the same functions; the bundled one (platform/tndm)
- * bonds several QUIC connections, one a network path.
+ * Plain C, no dependency but tloop.h. A device with a transport of its own provides the same functions; the bundled one
+ * (platform/tndm) bonds several QUIC connections, one a network path.
  *
- * Threads: every function may be called from any thread at any time, also from inside a callback, also with a handle whose instance or
- * connection is gone (the result is then a failure, never a crash). All callbacks run on the loop's thread; the transport holds no lock of
- * its own while one runs. Results: 0 or a positive number is success, negative is failure, unless a function says otherwise.
+ * Threads: every function may be called from any thread at any time, also from inside a callback, also with a handle
+ * whose instance or connection is gone (the result is then a failure, never a crash). All callbacks run on the loop's
+ * thread; the transport holds no lock of its own while one runs. Results: 0 or a positive number is success, negative
+ * is failure, unless a function says otherwise.
  */
 #ifndef TANDEM_LINK_TNDM_H
 #define TANDEM_LINK_TNDM_H
@@ -23,15 +24,16 @@ typedef struct {
 } st_tndm_connection_id_t;
 
 typedef void (*tndm_connection_cb)(void* instance, const st_tndm_connection_id_t* id, void* connection);
-/* Stream bytes in order. `data` lives until the callback returns; `fin` is nonzero with the last bytes of the stream (`len` may then be 0);
- * `out` is not used. */
+/* Stream bytes in order. `data` lives until the callback returns; `fin` is nonzero with the last bytes of the stream
+ * (`len` may then be 0); `out` is not used. */
 typedef void (*tndm_data_cb)(void* instance, void* connection, uint64_t stream_id, int fin, const uint8_t* data,
                              uint32_t len, int* out);
 /* Asks for the socket of a path; 0 or less means that there is none now. */
 typedef int (*tndm_create_path_cb)(void* opaque, const char* path);
 /* The socket of a path has failed and is given back. */
 typedef int (*tndm_path_broken_cb)(void* opaque, const char* path, int socket);
-/* Smoothed round trip in microseconds, congestion window in bytes, bytes in flight, delivery rate in bytes a second, bytes lost. */
+/* Smoothed round trip in microseconds, congestion window in bytes, bytes in flight, delivery rate in bytes a second,
+ * bytes lost. */
 typedef void (*tndm_statistics_cb)(void* instance, void* connection, uint64_t rtt, uint64_t window, uint64_t in_flight,
                                    uint64_t rate, uint64_t lost);
 
@@ -100,15 +102,16 @@ typedef struct {
 
 /* Null when the record is not usable: no loop, or an unknown congestion control. */
 TANDEM_PLATFORM_API void* tndm_create_instance(const st_tndm_instance_t* record, void* user_data);
-/* Closes every connection and frees the instance; no callback runs after it has returned (called from inside a callback: after that one). */
+/* Closes every connection and frees the instance; no callback runs after it has returned (called from inside a
+ * callback: after that one). */
 TANDEM_PLATFORM_API void tndm_destroy_instance(void* instance);
 /* 0 on success. The client connects as soon as it has a path, and again whenever its connection has ended. */
 TANDEM_PLATFORM_API int tndm_start_client(void* instance, const char* host, uint16_t port,
                                           const st_tndm_client_t* record);
 /* 0 on success. The socket stays the caller's. */
 TANDEM_PLATFORM_API int tndm_start_server(void* instance, int socket, const st_tndm_server_t* record);
-/* A non-blocking UDP socket of `family` on `port` (0: any), bound to `path` (an interface or a local address) unless that is null or
- * empty; -1 on failure. */
+/* A non-blocking UDP socket of `family` on `port` (0: any), bound to `path` (an interface or a local address) unless
+ * that is null or empty; -1 on failure. */
 TANDEM_PLATFORM_API int tndm_open_socket(int family, uint16_t port, const char* path);
 TANDEM_PLATFORM_API void tndm_close_socket(int socket);
 TANDEM_PLATFORM_API int tndm_add_path(void* instance, const char* path);
@@ -117,7 +120,8 @@ TANDEM_PLATFORM_API void* tndm_get_instance_userdata(void* instance);
 /* 0 on success: the ALPN as a terminated text. */
 TANDEM_PLATFORM_API int tndm_get_connection_alpn(void* connection, char* buffer, uint32_t size);
 TANDEM_PLATFORM_API int tndm_is_client_instance(void* instance);
-/* Reserves the next stream of this side; `flag` asks for one that only this side writes. All ones when no stream can be had. */
+/* Reserves the next stream of this side; `flag` asks for one that only this side writes. All ones when no stream can be
+ * had. */
 TANDEM_PLATFORM_API uint64_t tndm_get_next_local_stream_id(void* connection, bool flag);
 /* Queues a copy of the bytes; `fin` ends this side of the stream. */
 TANDEM_PLATFORM_API int tndm_add_to_stream(void* connection, uint64_t stream_id, const uint8_t* data, uint32_t len,
@@ -127,8 +131,8 @@ TANDEM_PLATFORM_API int tndm_add_to_stream_ext(void* connection, uint64_t stream
                                                int fin);
 /* Closes the connection; its disconnection callback comes later, never from inside this call. */
 TANDEM_PLATFORM_API void tndm_delete_connection(void* instance, void* connection);
-/* Probes idle paths every `a` milliseconds (0: a default), so that the connection stays up and a dead path is noticed. `context` and `b`
- * are not used. */
+/* Probes idle paths every `a` milliseconds (0: a default), so that the connection stays up and a dead path is noticed.
+ * `context` and `b` are not used. */
 TANDEM_PLATFORM_API int tndm_enable_keep_alive(void* connection, void* context, uint32_t a, uint32_t b);
 /* Bytes handed to the connection, and bytes of those sent, since it was established. */
 TANDEM_PLATFORM_API uint64_t tndm_get_bytes_queued(void* connection);
@@ -151,7 +155,8 @@ TANDEM_PLATFORM_WEAK int tndm_set_writable_callback(void* instance, tndm_writabl
 TANDEM_PLATFORM_WEAK int tndm_set_problem_callback(void* instance, tndm_problem_cb callback);
 /* Bytes queued on the stream and not sent yet; 0 for an unknown stream. */
 TANDEM_PLATFORM_WEAK uint64_t tndm_get_stream_backlog(void* connection, uint64_t stream_id);
-/* Asks for one writable callback when the stream's backlog is at or below `low_water` bytes (at once if it is already). */
+/* Asks for one writable callback when the stream's backlog is at or below `low_water` bytes (at once if it is already).
+ */
 TANDEM_PLATFORM_WEAK int tndm_request_writable(void* connection, uint64_t stream_id, uint64_t low_water);
 /* While a stream is paused nothing of it is delivered and its window does not grow. */
 TANDEM_PLATFORM_WEAK int tndm_pause_stream(void* connection, uint64_t stream_id, int pause);
