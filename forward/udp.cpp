@@ -128,7 +128,7 @@ advanced_connection_context_t::record_t advanced_connection_context_t::find_udp_
                     address);
         return nullptr;
     }
-    const record_t peer = make_instance(*forward, fd, stream_id);
+    record_t peer = make_instance(*forward, fd, stream_id);
     peer->peer_address = from;
     log_message("process_udp_listen_io_read", __LINE__,
                 "UDP listen I/O - A new UDP peer instance (%s) is created. (stream-id=%llu)\n", address,
