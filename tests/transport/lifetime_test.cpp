@@ -180,9 +180,10 @@ TEST_F(lifetime, a_connection_may_be_deleted_inside_any_callback_and_twice) {
         std::atomic<int> ends = 0;
         const auto go = [&](moment now, void* connection) {
             if (now == when) {
+                const int before = ends;
                 tndm_delete_connection(client->instance(), connection);
                 tndm_delete_connection(client->instance(), connection);
-                EXPECT_EQ(ends, now == moment::disconnected ? 1 : 0) << "called back from inside the call";
+                EXPECT_EQ(ends, before) << "called back from inside the call";
             }
         };
         std::atomic<bool> first = true;
@@ -215,6 +216,7 @@ TEST_F(lifetime, a_connection_may_be_deleted_inside_any_callback_and_twice) {
             [&] { return !server->established.empty() && server->connections[server->established.front()].over; }));
         // The client makes the next one by itself.
         EXPECT_TRUE(client->wait([&] { return client->established.size() >= 2; }));
+        client->destroy();  // before what its callbacks use
     }
 }
 

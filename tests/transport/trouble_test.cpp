@@ -82,7 +82,9 @@ TEST_P(blackout, is_over_soon_after_light_returns) {
     const auto light = clock::now();
     const uint64_t before = arrived();
     ASSERT_TRUE(server->received(at_server, stream, std::min<uint64_t>(before + 1, size), false));
-    EXPECT_LT(seconds_since(light), count == 1 ? 1.0 : 1.0 * static_cast<double>(scale));
+    const double back_after = seconds_since(light);
+    RecordProperty("back_after_ms", static_cast<int>(back_after * 1000));
+    EXPECT_LT(back_after, count == 1 ? 1.0 : 1.0 * static_cast<double>(scale));
     expect_intact();
     // The path itself is back in use.
     side::send(at_client, random_content(1'000'000, 5), true);
