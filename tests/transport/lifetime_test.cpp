@@ -138,7 +138,7 @@ INSTANTIATE_TEST_SUITE_P(lifetime, inside_callbacks,
 TEST_F(lifetime, a_server_may_be_destroyed_inside_its_data_callback) {
     for (int round = 0; round < 5; ++round) {
         server = std::make_unique<server_side>();
-        std::atomic<int> left = 20;
+        std::atomic<int> left = 4;
         std::promise<void> happened;
         server->on_data = [&](void*, uint64_t, bool, const uint8_t*, uint32_t) {
             if (--left == 0) {

@@ -84,7 +84,9 @@ TEST_P(blackout, is_over_soon_after_light_returns) {
     ASSERT_TRUE(server->received(at_server, stream, std::min<uint64_t>(before + 1, size), false));
     const double back_after = seconds_since(light);
     RecordProperty("back_after_ms", static_cast<int>(back_after * 1000));
-    EXPECT_LT(back_after, count == 1 ? 1.0 : 1.0 * static_cast<double>(scale));
+    // A subflow opened while it is dark repeats its first packet 1 s and 3 s after it.
+    const double bound = dark > 5s ? 2.5 : 1.0;
+    EXPECT_LT(back_after, count == 1 ? bound : bound * static_cast<double>(scale));
     expect_intact();
     // The path itself is back in use.
     side::send(at_client, random_content(1'000'000, 5), true);
@@ -248,22 +250,22 @@ TEST_F(trouble, a_path_that_the_server_has_forgotten_does_not_end_the_connection
 
 TEST_F(trouble, paths_come_and_go_while_they_carry) {
     start_over({"127.0.0.2"}, [](conditions& c) { c.mbit = 60; });
-    begin_transfer(24'000'000 / scale);
-    size_t mark = 1'000'000 / scale;
+    begin_transfer(24'000'000);
+    size_t mark = 500'000;
     for (int round = 0; round < 3; ++round) {
         const std::string joining = round % 2 == 0 ? "127.0.0.3" : "127.0.0.2";
         const std::string leaving = round % 2 == 0 ? "127.0.0.2" : "127.0.0.3";
         ASSERT_TRUE(server->received(at_server, stream, mark, false));
         ASSERT_EQ(client->add(joining), 0);
         ASSERT_TRUE(eventually([&] { return server->paths(at_server).size() == 2; }));
-        mark = arrived() + 1'000'000 / scale;
+        mark = arrived() + 500'000;
         ASSERT_TRUE(server->received(at_server, stream, mark, false));
         ASSERT_EQ(tndm_remove_path(client->instance(), leaving.c_str()), 0);
         ASSERT_TRUE(eventually([&] {
             const auto left = server->paths(at_server);
             return left.size() == 1 && left[0].name == joining;
         }));
-        mark = arrived() + 1'000'000 / scale;
+        mark = arrived() + 500'000;
     }
     expect_intact();
 }
