@@ -45,7 +45,7 @@ void carrier::pull(instant now) {
         if (!datagram) {
             return;
         }
-        if (!expected && datagram->record.what != core::content::probe) {
+        if (!expected && datagram->record.what != core::content::probe && datagram->from_line) {
             complaint_ = "something to send that has_more() did not know of";
             return;
         }
@@ -208,6 +208,8 @@ void carrier::sample_round_trip(duration sample, duration ack_delay) {
         round_trip_ = (7 * round_trip_ + adjusted) / 8;
     }
     owner_.set_rtt(lane_, round_trip_, variation_);
+    const std::chrono::duration<double> turn = round_trip_;
+    owner_.set_rate(lane_, static_cast<uint64_t>(static_cast<double>(window()) / turn.count()));
 }
 
 void carrier::detect_losses(instant now) {

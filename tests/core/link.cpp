@@ -31,6 +31,7 @@ bool link::unlucky() {
 
 std::optional<instant> link::carry(const packet& carried, instant now) {
     const instant start = std::max(now, free_at_);
+    bytes_carried_ += carried.size();
     const duration on_wire = time_for(carried.size(), settings_.mbit);
     const bool full = start - now > time_for(settings_.queue, settings_.mbit);
     duration held{0};

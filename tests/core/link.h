@@ -36,10 +36,11 @@ struct packet {
 struct link_settings {
     double mbit = 50;                               // rate
     duration delay{std::chrono::milliseconds(20)};  // one way
-    duration jitter{0};  // added to each packet, uniformly from 0: packets overtake each other
-    size_t queue = 0;    // bytes; 0: what the rate carries in twice the delay, 30 kB at least
-    double loss = 0;     // share of packets
-    double burst = 1;    // mean number of packets lost in a row; 1: each on its own
+    duration jitter{0};   // added to each packet, uniformly from 0: packets overtake each other
+    size_t queue = 0;     // bytes; 0: what the rate carries in twice the delay, 30 kB at least
+    double loss = 0;      // share of packets
+    double burst = 1;     // mean number of packets lost in a row; 1: each on its own
+    bool backup = false;  // the lanes over it are
 };
 
 class link {
@@ -56,6 +57,9 @@ class link {
         dark_ = dark;
         ++era_;
     }
+    const link_settings& settings() const { return settings_; }
+    // Bytes put on the wire so far, lost ones included.
+    uint64_t bytes_carried() const { return bytes_carried_; }
     void set_loss(double loss) { settings_.loss = loss; }
 
     // A test's own hand on single packets: the delay to add to it, or nothing to lose it.
@@ -66,6 +70,7 @@ class link {
   private:
     bool unlucky();
 
+    uint64_t bytes_carried_ = 0;
     link_settings settings_;
     dice dice_;
     instant free_at_{};

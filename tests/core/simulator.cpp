@@ -116,7 +116,7 @@ const core::lane* simulator::lane_of(const host& end, size_t number) const {
 }
 
 void simulator::add_carrier(host& h, size_t number, uint32_t connection) {
-    const core::lane_id lane = h.bundle.add_lane(now_);
+    const core::lane_id lane = h.bundle.add_lane(now_, paths_[number]->forth.settings().backup);
     const bool to_server = &h == &client;
     h.carriers_[lane] = std::make_unique<carrier>(
         connection, h.bundle, lane, settings_.carriers,

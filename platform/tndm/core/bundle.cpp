@@ -37,6 +37,7 @@ bool bundle::queue(uint64_t stream_id, buffer&& bytes, bool last) {
             preface_open_ = false;
         }
     }
+    unsent_total_ += bytes.size();
     s->send.queue(std::move(bytes));
     if (last) {
         s->send.finish();
@@ -133,9 +134,11 @@ void bundle::violate(std::string what) {
 
 // --- lanes ---
 
-lane_id bundle::add_lane(instant now) {
+lane_id bundle::add_lane(instant now, bool backup) {
     const lane_id id = next_lane_++;
-    lanes_.emplace(id, lane(id, now)).first->second.set_heartbeat(heartbeat_);
+    lane& added = lanes_.emplace(id, lane(id, now)).first->second;
+    added.set_heartbeat(heartbeat_);
+    added.set_backup(backup);
     return id;
 }
 
@@ -167,6 +170,12 @@ const lane* bundle::find_lane(lane_id id) const {
 void bundle::set_rtt(lane_id id, duration smoothed, duration variation) {
     if (lane* l = lane_of(id)) {
         l->set_rtt(smoothed, variation);
+    }
+}
+
+void bundle::set_rate(lane_id id, uint64_t bytes_a_second) {
+    if (lane* l = lane_of(id)) {
+        l->set_rate(bytes_a_second);
     }
 }
 

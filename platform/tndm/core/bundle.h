@@ -35,6 +35,7 @@
 #include "platform/tndm/core/flow_window.h"
 #include "platform/tndm/core/lane.h"
 #include "platform/tndm/core/receive_stream.h"
+#include "platform/tndm/core/schedule.h"
 #include "platform/tndm/core/send_stream.h"
 #include "platform/tndm/core/wire.h"
 
@@ -57,8 +58,9 @@ struct limits {
 struct outgoing {
     wire::header head = wire::header::of(wire::probe{});
     pieces body;
-    transmission record;   // what sent() takes note of
-    bool is_copy = false;  // its bytes have been sent before
+    transmission record;    // what sent() takes note of
+    bool is_copy = false;   // its bytes have been sent before
+    bool from_line = true;  // they stand in line: what goes out leaves the line
 
     size_t size() const { return head.size() + body.bytes; }
 };
@@ -88,10 +90,14 @@ class bundle {
     uint64_t bytes_held() const;
 
     // --- lanes ---
-    lane_id add_lane(instant now);
+    lane_id add_lane(instant now, bool backup = false);
     // What the lane owed goes to the others. Unknown ids are ignored.
     void remove_lane(lane_id id, instant now);
     void set_rtt(lane_id id, duration smoothed, duration variation);
+    // Delivery rate in bytes a second; 0 while unknown.
+    void set_rate(lane_id id, uint64_t bytes_a_second);
+    // Which lane carries what; sooner_first() until something else is set.
+    void set_schedule(const schedule& how) { schedule_ = &how; }
     void set_heartbeat(duration interval);
     // One datagram from the peer, on whichever lane.
     void received(std::span<const uint8_t> datagram, instant now);
@@ -189,18 +195,20 @@ class bundle {
     void fall_silent(lane& l, instant now);
     std::optional<outgoing> next_control(size_t room);
     std::optional<outgoing> next_resend(const lane& l, size_t room, instant now);
-    std::optional<outgoing> next_fresh(size_t room);
+    std::optional<outgoing> next_fresh(const lane& l, size_t room);
+    std::optional<outgoing> next_copy(lane& l, size_t room, instant now);
+    const stream* fresh_turn() const;
     std::optional<outgoing> chunk_of(const stream& s, range part, size_t room) const;
     void chunk_sent(lane& l, stream& s, const outgoing& datagram);
     std::optional<wire::preface> preface_for(const stream& s) const;
     const stream* unsent_preface() const;
-    bool too_slow_for(const lane& l, instant waiting_since, instant now);
     uint64_t connection_room() const { return peer_window_ > sent_total_ ? peer_window_ - sent_total_ : 0; }
 
     role role_;
     limits own_;
     limits peer_;
-    std::map<lane_id, lane> lanes_;
+    lane_map lanes_;
+    const schedule* schedule_ = &sooner_first();
     lane_id next_lane_ = 0;
     duration heartbeat_{0};
     std::unordered_map<uint64_t, std::unique_ptr<stream>> streams_;
@@ -211,6 +219,7 @@ class bundle {
     stream_list resend_;  // streams with bytes to be sent again
     uint64_t peer_window_;
     uint64_t sent_total_ = 0;
+    uint64_t unsent_total_ = 0;     // queued on all streams and never sent
     instant resend_retry_ = never;  // when a slower lane may take what a faster one has left lying
     std::optional<uint64_t> preface_stream_;
     uint64_t preface_length_ = 0;

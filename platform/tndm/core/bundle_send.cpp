@@ -72,15 +72,27 @@ std::optional<outgoing> bundle::next(lane_id id, size_t room, instant now) {
     if (l == nullptr) {
         return std::nullopt;
     }
-    if (!l->suspect()) {
+    if (!l->suspect() && usable(*l, lanes_)) {
         if (auto found = next_control(room)) {
             return found;
         }
         if (auto found = next_resend(*l, room, now)) {
             return found;
         }
-        if (auto found = next_fresh(room)) {
+        if (schedule_->copies_first()) {
+            if (auto found = next_copy(*l, room, now)) {
+                return found;
+            }
+        }
+        if (auto found = next_fresh(*l, room)) {
             return found;
+        }
+        // Only what is not held back by the schedule is worth a copy: while bytes wait that may go elsewhere, this lane
+        // stays free for them.
+        if (!schedule_->copies_first() && fresh_turn() == nullptr) {
+            if (auto found = next_copy(*l, room, now)) {
+                return found;
+            }
         }
     }
     return l->probe_due(now) ? std::optional(probe()) : std::nullopt;
@@ -122,7 +134,9 @@ std::optional<outgoing> bundle::next_control(size_t room) {
 
 std::optional<outgoing> bundle::next_resend(const lane& l, size_t room, instant now) {
     for (stream* s : resend_) {
-        if (too_slow_for(l, s->send.resend_since(), now)) {
+        const instant from = schedule_->may_resend_at(l, lanes_, s->send.resend_since());
+        if (now < from) {
+            resend_retry_ = std::min(resend_retry_, from);
             continue;
         }
         const range part = s->send.resend(room);
@@ -135,35 +149,58 @@ std::optional<outgoing> bundle::next_resend(const lane& l, size_t room, instant 
     return std::nullopt;
 }
 
-// A slower lane leaves bytes that must be sent again to a faster one, until waiting has cost as much as the slower lane
-// would.
-bool bundle::too_slow_for(const lane& l, instant waiting_since, instant now) {
-    duration fastest = l.rtt();
-    for (const auto& [id, other] : lanes_) {
-        if (!other.suspect()) {
-            fastest = std::min(fastest, other.rtt());
-        }
-    }
-    const instant worth_it = waiting_since + (l.rtt() - fastest) / 2;
-    if (now >= worth_it) {
-        return false;
-    }
-    resend_retry_ = std::min(resend_retry_, worth_it);
-    return true;
-}
-
-std::optional<outgoing> bundle::next_fresh(size_t room) {
+// The stream whose turn it is to send something new; null when there is none, or the windows are used up.
+const bundle::stream* bundle::fresh_turn() const {
     const uint64_t allowed = connection_room();
     const stream* first = unsent_preface();
     for (const stream* s : fresh_) {
-        if (first != nullptr && s != first) {
+        if ((first == nullptr || s == first) && s->send.has_fresh(allowed)) {
+            return s;
+        }
+    }
+    return nullptr;
+}
+
+std::optional<outgoing> bundle::next_fresh(const lane& l, size_t room) {
+    const stream* s = fresh_turn();
+    if (s == nullptr || !schedule_->may_take_fresh(l, lanes_, unsent_total_)) {
+        return std::nullopt;
+    }
+    return chunk_of(*s, s->send.fresh(room, connection_room()), room);
+}
+
+// Another copy of what another lane owes: of a transfer's tail, or of a hole that keeps the receiver's window shut.
+// Each chunk is looked at once; the oldest come first, and one that is not worth a copy yet ends the search, because
+// the younger ones are not either.
+std::optional<outgoing> bundle::next_copy(lane& l, size_t room, instant now) {
+    for (auto& [id, owing] : lanes_) {
+        if (id == l.id()) {
             continue;
         }
-        const range part = s->send.fresh(room, allowed);
-        if (part.empty()) {
-            continue;  // only the connection's window holds it back
+        flight& sent = owing.in_flight();
+        uint64_t& at = l.copied_up_to(id);
+        for (at = std::max(at, sent.oldest_id()); at < sent.next_id(); ++at) {
+            const transmission& record = *sent.find(at);
+            if (record.state != fate::in_flight || record.what != content::chunk || record.copy) {
+                continue;
+            }
+            const stream* s = find(record.stream);
+            const range part = s == nullptr ? range{} : s->send.still_needed(record.part);
+            if (part.empty()) {
+                continue;
+            }
+            if (!schedule_->may_copy(l, owing, record, now)) {
+                break;
+            }
+            if (auto out = chunk_of(*s, part, room)) {
+                out->is_copy = true;
+                out->from_line = false;
+                out->record.copy = true;
+                ++at;
+                return out;
+            }
+            break;
         }
-        return chunk_of(*s, part, room);
     }
     return std::nullopt;
 }
@@ -232,6 +269,7 @@ std::optional<outgoing> bundle::probe_copy(lane_id id, size_t room) const {
             auto out = chunk_of(*s, part, room);
             if (out) {
                 out->is_copy = true;
+                out->from_line = false;
             }
             return out;
         }
@@ -241,15 +279,11 @@ std::optional<outgoing> bundle::probe_copy(lane_id id, size_t room) const {
 
 bool bundle::has_more(lane_id id) const {
     const lane* l = find_lane(id);
-    if (l == nullptr || l->suspect()) {
+    if (l == nullptr || l->suspect() || !usable(*l, lanes_)) {
         return false;
     }
-    if (window_dirty_ || streams_dirty_[0] || streams_dirty_[1] || !stream_windows_dirty_.empty() || !resend_.empty()) {
-        return true;
-    }
-    const stream* first = unsent_preface();
-    const stream* turn = first != nullptr ? first : fresh_.empty() ? nullptr : fresh_.front();
-    return turn != nullptr && turn->send.has_fresh(connection_room());
+    return window_dirty_ || streams_dirty_[0] || streams_dirty_[1] || !stream_windows_dirty_.empty() ||
+           !resend_.empty() || (fresh_turn() != nullptr && schedule_->may_take_fresh(*l, lanes_, unsent_total_));
 }
 
 uint64_t bundle::next_id(lane_id id) const {
@@ -296,6 +330,9 @@ void bundle::chunk_sent(lane& l, stream& s, const outgoing& datagram) {
     const uint64_t bytes = datagram.body.bytes;
     if (datagram.is_copy) {
         l.counters().bytes_resent += bytes;
+        if (!datagram.from_line) {
+            return;
+        }
         s.send.mark_resent(part);
         note_resend(s);
         if (s.in_resend) {
@@ -305,6 +342,7 @@ void bundle::chunk_sent(lane& l, stream& s, const outgoing& datagram) {
     }
     s.send.mark_fresh_sent(part);
     sent_total_ += bytes;
+    unsent_total_ -= bytes;
     if (!sent_.empty() && sent_.back().stream == s.id) {
         sent_.back().bytes += bytes;
     } else {

@@ -25,6 +25,7 @@ struct transmission {
     instant sent_at{};
     content what = content::probe;
     fate state = fate::resolved;
+    bool copy = false;  // went out on another lane before: not copied again from here
 };
 
 class flight {

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <deque>
+#include <map>
 
 #include "platform/tndm/core/flight.h"
 #include "platform/tndm/core/time.h"
@@ -33,6 +34,12 @@ class lane {
 
     lane_id id() const { return id_; }
     duration rtt() const { return rtt_; }
+    duration variation() const { return variation_; }
+    // Delivery rate in bytes a second; 0 while unknown.
+    uint64_t rate() const { return rate_; }
+    // To be used only when no other lane works.
+    bool backup() const { return backup_; }
+    void set_backup(bool backup) { backup_ = backup; }
     bool suspect() const { return suspect_; }
     const lane_counters& counters() const { return counters_; }
 
@@ -40,6 +47,7 @@ class lane {
         rtt_ = smoothed;
         variation_ = variation;
     }
+    void set_rate(uint64_t bytes_a_second) { rate_ = bytes_a_second; }
     // No answer for this long means that something is wrong: two round trips and four variations, 100 ms at least (a
     // delayed acknowledgement and a busy scheduler must not look like a dead path).
     duration silence() const { return std::max<duration>(2 * rtt_ + 4 * variation_, std::chrono::milliseconds(100)); }
@@ -85,6 +93,8 @@ class lane {
     uint64_t highest_acknowledged() const { return highest_acknowledged_; }
     void note_acknowledged(uint64_t id) { highest_acknowledged_ = std::max(highest_acknowledged_, id); }
     lane_counters& counters() { return counters_; }
+    // How far this lane has looked through another one's flight for something to copy.
+    uint64_t& copied_up_to(lane_id other) { return copied_up_to_[other]; }
 
   private:
     static constexpr duration overdue_after = std::chrono::seconds(5);
@@ -96,6 +106,8 @@ class lane {
     std::deque<late> late_;
     duration rtt_ = std::chrono::milliseconds(100);  // until the first sample
     duration variation_ = std::chrono::milliseconds(50);
+    uint64_t rate_ = 0;
+    bool backup_ = false;
     duration heartbeat_{0};  // 0: none
     bool suspect_ = false;
     bool probe_refused_ = false;
@@ -104,6 +116,7 @@ class lane {
     instant last_sent_;
     instant last_try_{};  // of a probe that was refused
     uint64_t highest_acknowledged_ = 0;
+    std::map<lane_id, uint64_t> copied_up_to_;
     lane_counters counters_;
 };
 

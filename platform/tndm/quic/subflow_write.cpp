@@ -50,6 +50,7 @@ void subflow::flush(core::instant now, std::span<uint8_t> buffer, const batch_si
         window_ = stat.cwnd;
         if (stat.first_rtt_sample_ts != UINT64_MAX) {
             bundle_->set_rtt(lane_, core::duration(stat.smoothed_rtt), core::duration(stat.rttvar));
+            bundle_->set_rate(lane_, stat.delivery_rate_sec);
         }
     }
     for (bool more = true; more && !ended_;) {

@@ -1,0 +1,96 @@
+// Which path carries what: what the schedules promise, seen from the receiver.
+#include "tests/core/bundle_test.h"
+
+namespace tndm::sim {
+namespace {
+
+class schedules : public bundle_test {
+  protected:
+    // Sends `count` messages of `size` bytes, one every `interval`, and gives what each took until its last byte was
+    // there, in ascending order.
+    std::vector<duration> message_times(size_t count, uint64_t size, duration interval) {
+        const instant from = sim().now();
+        for (size_t i = 0; i < count; ++i) {
+            send(client(), 0, size);
+            run_for(interval);
+        }
+        run_until_done(10s);
+        std::vector<duration> times;
+        uint64_t arrived = 0;
+        for (const host::event& e : server().log) {
+            if (e.at < from) {
+                continue;
+            }
+            for (arrived += e.bytes; times.size() < count && arrived >= (times.size() + 1) * size;) {
+                times.push_back(e.at - (from + static_cast<int>(times.size()) * interval));
+            }
+        }
+        EXPECT_EQ(times.size(), count);
+        std::sort(times.begin(), times.end());
+        return times;
+    }
+    static duration quantile(const std::vector<duration>& sorted, double share) {
+        return sorted.at(static_cast<size_t>(share * static_cast<double>(sorted.size() - 1)));
+    }
+    void warm_up() {
+        send(client(), 0, 1'000'000);
+        run_until_done(10s);
+    }
+    uint64_t carried(size_t path) { return sim().forth(path).bytes_carried(); }
+};
+
+TEST_F(schedules, small_messages_leave_a_far_path_alone) {
+    start({{.mbit = 50, .delay = 5ms}, {.mbit = 50, .delay = 75ms}});
+    warm_up();
+    const auto times = message_times(100, 20'000, 40ms);
+    EXPECT_LT(quantile(times, 1.0), 30ms);
+    expect_intact();
+}
+
+TEST_F(schedules, a_transfer_uses_both_paths_and_its_end_waits_for_neither) {
+    start({{.mbit = 80, .delay = 10ms}, {.mbit = 20, .delay = 40ms}}, with_window(300'000));
+    warm_up();
+    send(client(), 4, 20'000'000, true);
+    const duration took = run_until_done(20s);
+    expect_intact();
+    // 20 MB at 100 Mbit/s are 1.6 s; the headers take 4 %.
+    EXPECT_GT(mbit(20'000'000, took), 85);
+}
+
+TEST_F(schedules, a_backup_path_is_used_only_while_no_other_works) {
+    start({{.mbit = 50, .delay = 10ms}, {.mbit = 50, .delay = 10ms, .backup = true}});
+    send(client(), 0, 5'000'000);
+    run_for(3s);
+    EXPECT_TRUE(sim().all_delivered());
+    EXPECT_LT(carried(1), 10'000U);
+    sim().go_dark(0);
+    send(client(), 0, 5'000'000);
+    run_for(4s);
+    EXPECT_TRUE(sim().all_delivered());
+    EXPECT_GT(carried(1), 5'000'000U);
+    sim().come_back(0);
+    run_for(3s);
+    const uint64_t before = carried(1);
+    send(client(), 0, 5'000'000, true);
+    run_until_done(10s);
+    EXPECT_LT(carried(1), before + 50'000);
+    expect_intact();
+}
+
+TEST_F(schedules, redundancy_hides_losses_that_strike_one_path) {
+    const std::vector<link_settings> paths{{.mbit = 20, .delay = 10ms, .loss = 0.05},
+                                           {.mbit = 20, .delay = 15ms, .loss = 0.05}};
+    start(paths, with_window(100'000, 5));
+    warm_up();
+    const duration single = quantile(message_times(1000, 200, 10ms), 0.97);
+    start(paths, with_window(100'000, 5));
+    client().bundle.set_schedule(core::redundant());
+    warm_up();
+    const duration both = quantile(message_times(1000, 200, 10ms), 0.97);
+    expect_intact();
+    EXPECT_GT(single, 25ms);  // some were lost and sent again
+    EXPECT_LT(both, 20ms);    // the other copy was there
+}
+
+}  // namespace
+}  // namespace tndm::sim
