@@ -207,6 +207,9 @@ TEST_F(lifetime, a_connection_may_be_deleted_inside_any_callback_and_twice) {
             go(moment::disconnected, connection);
         };
         server->on_established = [](void* connection) { side::send(connection, {1, 2, 3}, false); };
+        // Before what its callbacks use.
+        const auto destroy = [](client_side* of) { of->destroy(); };
+        const std::unique_ptr<client_side, decltype(destroy)> guard(client.get(), destroy);
         ASSERT_EQ(client->start(server->port()), 0);
         ASSERT_EQ(client->add("127.0.0.2"), 0);
         ASSERT_TRUE(client->wait([&] { return !client->established.empty(); }));
@@ -216,7 +219,6 @@ TEST_F(lifetime, a_connection_may_be_deleted_inside_any_callback_and_twice) {
             [&] { return !server->established.empty() && server->connections[server->established.front()].over; }));
         // The client makes the next one by itself.
         EXPECT_TRUE(client->wait([&] { return client->established.size() >= 2; }));
-        client->destroy();  // before what its callbacks use
     }
 }
 
