@@ -80,6 +80,7 @@ def measure(case, peer_name, chosen, work, seed):
             if before is not None:
                 result["cpu"] = round(peer.cpu_seconds() - before, 2)
             result["late_share"], result["late_ms"] = sampler.lateness()
+            result["links"] = sampler.timeline()
     return result
 
 

@@ -77,6 +77,15 @@ class Sampler:
             return 0.0
         return (inside[-1][1] - inside[0][1]) / (inside[-1][0] - inside[0][0])
 
+    def timeline(self, step=0.25):
+        """For each link and direction, the Mbit/s that it delivered in each such time."""
+        if not self.samples:
+            return []
+        first, last = self.samples[0][0], self.samples[-1][0]
+        starts = [first + step * i for i in range(int((last - first) / step))]
+        return [{which: [round(self.delivered(number, which, at, at + step + self.PERIOD) * 8 / 1e6, 1) for at in starts]
+                 for which in ("up", "down")} for number in range(len(self.samples[0][1]))]
+
     def lateness(self):
         """The share of packets that the rig itself delivered more than a millisecond late, and the worst, in ms."""
         last = [side for each in self.samples[-1][1] for side in each.values()]
@@ -112,6 +121,13 @@ def rate(report, seconds):
     return sum(bins) * 8 / 1e6 / (seconds - WARM_UP)
 
 
+def timeline(report, step=0.1):
+    """Mbit/s of payload in each such time."""
+    per = round(step * 1000 / report["bin_ms"])
+    bins = report["bins"]
+    return [round(sum(bins[i:i + per]) * 8 / 1e6 / step, 1) for i in range(0, len(bins), per)]
+
+
 def longest_pause(report, start=0.0, end=float("inf")):
     """Milliseconds, of the pauses that reach into the time between two moments."""
     return max((length * 1000 for at, length in report["gaps"] if at + length >= start and at <= end), default=0.0)
@@ -139,7 +155,7 @@ def bulk(*directions):
         flows = [peer.flow(direction, case.seconds) for direction in directions]
         reports = [whole(finish(flow, case.seconds)) for flow in flows]
         rates = [rate(report, case.seconds) for report in reports]
-        result = {"rate": sum(rates), "rates": rates}
+        result = {"rate": sum(rates), "rates": rates, "goodput": [timeline(report) for report in reports]}
         result["pause"] = max(longest_pause(each, each["start"] + WARM_UP, each["start"] + case.seconds) for each in reports)
         for which in sorted(set(directions)):
             result[which] = sum(each for each, direction in zip(rates, directions) if direction == which)
@@ -172,6 +188,7 @@ def blackhole(number, start, length):
                      if at > came + 0.2 and sampler.delivered(number, "down", at - 0.2, at) >= wanted), None)
         return {"pause": longest_pause(report, went - 0.05, came), "pause_after": longest_pause(report, came),
                 "back": back if back is not None else case.seconds, "rate": rate(report, case.seconds),
+                "goodput": [timeline(report)],
                 "gaps": [gap for gap in report["gaps"] if gap[1] > 0.1], "went": went, "came": came}
 
     return measure
@@ -192,7 +209,8 @@ def flapping(number, down_seconds, up_seconds):
             time.sleep(up_seconds)
         report = whole(finish(flow, case.seconds))
         pauses = [longest_pause(report, at - 0.05, at + down_seconds) for at in pauses_at]
-        return {"pause": max(pauses), "pauses": pauses, "rate": rate(report, case.seconds), "rounds": len(pauses)}
+        return {"pause": max(pauses), "pauses": pauses, "down_at": pauses_at, "start": report["start"], "goodput": [timeline(report)],
+                "gaps": [gap for gap in report["gaps"] if gap[1] > 0.1], "rate": rate(report, case.seconds), "rounds": len(pauses)}
 
     return measure
 
