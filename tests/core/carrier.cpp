@@ -45,7 +45,7 @@ void carrier::pull(instant now) {
         if (!datagram) {
             return;
         }
-        if (!expected && datagram->record.what != core::content::probe && datagram->from_line) {
+        if (!expected && datagram->record.what != core::content::probe && datagram->from_line && !datagram->overdue) {
             complaint_ = "something to send that has_more() did not know of";
             return;
         }

@@ -57,6 +57,25 @@ TEST_F(schedules, a_transfer_uses_both_paths_and_its_end_waits_for_neither) {
     EXPECT_GT(mbit(20'000'000, took), 85);
 }
 
+// The near path answers but takes nothing any more: its window is full of what it will never deliver.
+TEST_F(schedules, a_near_path_that_is_stuck_is_not_waited_for) {
+    start({{.mbit = 50, .delay = 5ms}, {.mbit = 50, .delay = 75ms}});
+    warm_up();
+    core::bundle& b = client().bundle;
+    const core::lane_id near = sim().lane_of(client(), 0)->id();
+    const core::lane_id far = sim().lane_of(client(), 1)->id();
+    b.set_rate(near, 10'000'000);
+    ASSERT_TRUE(b.queue(0, core::buffer::copy_of(std::vector<uint8_t>(5000)), false));
+    const instant now = sim().now();
+    EXPECT_FALSE(b.next(far, 1200, now));
+    EXPECT_LE(b.next_deadline(), now + 75ms);
+    b.on_time(now + 75ms);
+    const auto taken = b.next(far, 1200, now + 75ms);
+    ASSERT_TRUE(taken);
+    b.sent(far, *taken, now + 75ms);
+    EXPECT_TRUE(b.next(far, 1200, now + 76ms)) << "one chunk must not start the wait anew";
+}
+
 TEST_F(schedules, a_backup_path_is_used_only_while_no_other_works) {
     start({{.mbit = 50, .delay = 10ms}, {.mbit = 50, .delay = 10ms, .backup = true}});
     send(client(), 0, 5'000'000);

@@ -61,6 +61,7 @@ struct outgoing {
     transmission record;    // what sent() takes note of
     bool is_copy = false;   // its bytes have been sent before
     bool from_line = true;  // they stand in line: what goes out leaves the line
+    bool overdue = false;   // a faster lane should have taken it long ago
 
     size_t size() const { return head.size() + body.bytes; }
 };
@@ -195,7 +196,7 @@ class bundle {
     void fall_silent(lane& l, instant now);
     std::optional<outgoing> next_control(size_t room);
     std::optional<outgoing> next_resend(const lane& l, size_t room, instant now);
-    std::optional<outgoing> next_fresh(const lane& l, size_t room);
+    std::optional<outgoing> next_fresh(const lane& l, size_t room, instant now);
     std::optional<outgoing> next_copy(lane& l, size_t room, instant now);
     const stream* fresh_turn() const;
     std::optional<outgoing> chunk_of(const stream& s, range part, size_t room) const;
@@ -220,6 +221,7 @@ class bundle {
     uint64_t peer_window_;
     uint64_t sent_total_ = 0;
     uint64_t unsent_total_ = 0;     // queued on all streams and never sent
+    instant held_since_ = never;    // new bytes have been left to faster lanes, none of which has taken any since then
     instant resend_retry_ = never;  // when a slower lane may take what a faster one has left lying
     std::optional<uint64_t> preface_stream_;
     uint64_t preface_length_ = 0;

@@ -84,7 +84,7 @@ std::optional<outgoing> bundle::next(lane_id id, size_t room, instant now) {
                 return found;
             }
         }
-        if (auto found = next_fresh(*l, room)) {
+        if (auto found = next_fresh(*l, room, now)) {
             return found;
         }
         // Only what is not held back by the schedule is worth a copy: while bytes wait that may go elsewhere, this lane
@@ -134,7 +134,7 @@ std::optional<outgoing> bundle::next_control(size_t room) {
 
 std::optional<outgoing> bundle::next_resend(const lane& l, size_t room, instant now) {
     for (stream* s : resend_) {
-        const instant from = schedule_->may_resend_at(l, lanes_, s->send.resend_since());
+        const instant from = schedule_->may_take_waiting_at(l, lanes_, s->send.resend_since());
         if (now < from) {
             resend_retry_ = std::min(resend_retry_, from);
             continue;
@@ -161,12 +161,28 @@ const bundle::stream* bundle::fresh_turn() const {
     return nullptr;
 }
 
-std::optional<outgoing> bundle::next_fresh(const lane& l, size_t room) {
+std::optional<outgoing> bundle::next_fresh(const lane& l, size_t room, instant now) {
     const stream* s = fresh_turn();
-    if (s == nullptr || !schedule_->may_take_fresh(l, lanes_, unsent_total_)) {
+    if (s == nullptr) {
         return std::nullopt;
     }
-    return chunk_of(*s, s->send.fresh(room, connection_room()), room);
+    bool overdue = false;
+    if (!schedule_->may_take_fresh(l, lanes_, unsent_total_)) {
+        // A faster lane that answers may still be stuck, its window full of what a dark path has swallowed: it is not
+        // waited for in vain.
+        held_since_ = std::min(held_since_, now);
+        const instant from = schedule_->may_take_waiting_at(l, lanes_, held_since_);
+        if (now < from) {
+            resend_retry_ = std::min(resend_retry_, from);
+            return std::nullopt;
+        }
+        overdue = true;
+    }
+    auto out = chunk_of(*s, s->send.fresh(room, connection_room()), room);
+    if (out) {
+        out->overdue = overdue;
+    }
+    return out;
 }
 
 // Another copy of what another lane owes: of a transfer's tail, or of a hole that keeps the receiver's window shut.
@@ -339,6 +355,9 @@ void bundle::chunk_sent(lane& l, stream& s, const outgoing& datagram) {
             resend_.splice(resend_.end(), resend_, *s.in_resend);
         }
         return;
+    }
+    if (!datagram.overdue) {
+        held_since_ = never;
     }
     s.send.mark_fresh_sent(part);
     sent_total_ += bytes;

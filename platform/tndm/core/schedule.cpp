@@ -46,7 +46,7 @@ class sooner_first_schedule final : public schedule {
         return drain * patience + nearest / 2 >= asking.rtt() / 2;
     }
 
-    instant may_resend_at(const lane& asking, const lane_map& all, instant since) const override {
+    instant may_take_waiting_at(const lane& asking, const lane_map& all, instant since) const override {
         return since + (asking.rtt() - fastest_rtt(asking, all)) / 2;
     }
 
@@ -69,7 +69,7 @@ class sooner_first_schedule final : public schedule {
 class redundant_schedule final : public schedule {
   public:
     bool may_take_fresh(const lane&, const lane_map&, uint64_t) const override { return true; }
-    instant may_resend_at(const lane&, const lane_map&, instant since) const override { return since; }
+    instant may_take_waiting_at(const lane&, const lane_map&, instant since) const override { return since; }
     bool may_copy(const lane&, const lane&, const transmission&, instant) const override { return true; }
     bool copies_first() const override { return true; }
 };

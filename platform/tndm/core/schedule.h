@@ -28,7 +28,7 @@ class schedule {
     virtual bool may_take_fresh(const lane& asking, const lane_map& all, uint64_t backlog) const = 0;
     // From when on `asking` may take bytes that have waited to be sent again since `since`; a faster lane is preferred
     // until then.
-    virtual instant may_resend_at(const lane& asking, const lane_map& all, instant since) const = 0;
+    virtual instant may_take_waiting_at(const lane& asking, const lane_map& all, instant since) const = 0;
     // Whether `asking`, which has nothing else to do, should carry another copy of what `owing` sent and has not heard
     // of.
     virtual bool may_copy(const lane& asking, const lane& owing, const transmission& sent, instant now) const = 0;
