@@ -28,8 +28,8 @@ def arguments():
     parser = argparse.ArgumentParser(prog="bench/paths.py", description=__doc__.splitlines()[0])
     parser.add_argument("--rounds", type=int, default=5, help="measurements of each peer in each case (5)")
     parser.add_argument("--only", default="", metavar="TEXT,...", help="cases whose names contain one of these, or their numbers")
-    parser.add_argument("--peers", default="tandem,mptcp,tcp,tandem-1", metavar="NAME,...",
-                        help=f"of {','.join(paths_peers.ALL)} (tandem,mptcp,tcp,tandem-1)")
+    parser.add_argument("--peers", default="tandem,mptcp,tcp,tandem-1,quic", metavar="NAME,...",
+                        help=f"of {','.join(paths_peers.ALL)} (tandem,mptcp,tcp,tandem-1,quic; the last is the QUIC library's example pair)")
     parser.add_argument("--seconds", type=float, help="of each measurement, instead of the case's own")
     parser.add_argument("--congestion", default="bbr", help="tandem's, and the kernel's where it has it (bbr)")
     parser.add_argument("--seed", type=int, default=1, help="of the first round's losses (1)")
@@ -71,6 +71,8 @@ def measure(case, peer_name, chosen, work, seed):
     with Rig(chosen.link) as rig:
         for each in case.links:
             rig.add(each, seed)
+        if not case.links:
+            rig.add_veth()
         with paths_peers.ALL[peer_name](rig, chosen, work) as peer, paths_cases.Sampler(rig) as sampler:
             before = peer.cpu_seconds()
             try:
@@ -85,9 +87,9 @@ def measure(case, peer_name, chosen, work, seed):
 
 
 def collect(case, chosen, work, log):
-    results = {name: [] for name in chosen.peers}
+    results = {name: [] for name in chosen.peers if case.concerns(name)}
     for number in range(chosen.rounds):
-        for name in chosen.peers:
+        for name in results:
             line = {"case": case.name, "peer": name, "round": number, "at": time.time(), "load": os.getloadavg()[0]}
             try:
                 result = measure(case, name, chosen, work, chosen.seed + number)
@@ -116,8 +118,8 @@ def cell(values, rounds):
     return text if len(values) == rounds else f"{text}, {rounds - len(values)} failed"
 
 
-def ratio(results, key, more_is_better):
-    ours, theirs = ([each[key] for each in results.get(name, [])] for name in ("tandem", "mptcp"))
+def ratio(results, other, key, more_is_better):
+    ours, theirs = ([each[key] for each in results.get(name, [])] for name in ("tandem", other))
     if not ours or not theirs or not statistics.median(theirs) or not statistics.median(ours):
         return ""
     quotient = statistics.median(ours) / statistics.median(theirs)
@@ -127,8 +129,8 @@ def ratio(results, key, more_is_better):
 def rows(case, results, chosen):
     for figure in case.figures:
         target = "" if figure.target is None else f"{'>=' if figure.more_is_better else '<'} {figure.target:g}"
-        yield [case.name, figure.unit, target, *(cell([each[figure.key] for each in results[name]], chosen.rounds)
-               for name in chosen.peers), ratio(results, figure.key, figure.more_is_better)]
+        yield [case.name, figure.unit, target, *(cell([each[figure.key] for each in results[name]], chosen.rounds) if name in results else ""
+               for name in chosen.peers), ratio(results, case.compared_with, figure.key, figure.more_is_better)]
 
 
 def table(lines):
@@ -141,7 +143,7 @@ def note_on_rig(everything):
     worst = max((each["late_ms"] for results in everything for each in results), default=0)
     share = max((each["late_share"] for results in everything for each in results), default=0)
     return (f"The rig's own lateness: at most {share:.2%} of a measurement's packets by more than 1 ms, the worst by {worst:.1f} ms. "
-            "Ratio: tandem to mptcp, above 1 is better for tandem.")
+            "Ratio: tandem to mptcp (without a limit: to quic), above 1 is better for tandem.")
 
 
 def main():

@@ -34,9 +34,11 @@ class Case:
     measure: object
     figures: tuple
     seconds: float = 12
+    only_peers: tuple = ()  # none: all that carry TCP
+    compared_with: str = "mptcp"
 
-    def mbit(self):
-        return sum(float(each.rate.rstrip("M")) for each in self.links)
+    def concerns(self, peer):
+        return peer in self.only_peers if self.only_peers else peer != "quic"
 
 
 class Sampler:
@@ -79,7 +81,7 @@ class Sampler:
 
     def timeline(self, step=0.25):
         """For each link and direction, the Mbit/s that it delivered in each such time."""
-        if not self.samples:
+        if not self.samples or not self.samples[0][1]:
             return []
         first, last = self.samples[0][0], self.samples[-1][0]
         starts = [first + step * i for i in range(int((last - first) / step))]
@@ -88,6 +90,8 @@ class Sampler:
 
     def lateness(self):
         """The share of packets that the rig itself delivered more than a millisecond late, and the worst, in ms."""
+        if not self.samples or not self.samples[0][1]:
+            return 0.0, 0.0
         last = [side for each in self.samples[-1][1] for side in each.values()]
         worst = max(side["most_late_us"] for _, sample in self.samples for each in sample for side in each.values())
         packets = sum(side["out_packets"] for side in last)
@@ -163,6 +167,13 @@ def bulk(*directions):
         return result
 
     return measure
+
+
+def unlimited(case, peer, _):
+    """A bulk flow that only the processors limit."""
+    if hasattr(peer, "download"):
+        return {"rate": peer.download()}
+    return {"rate": rate(whole(finish(peer.flow("down", case.seconds), case.seconds)), case.seconds)}
 
 
 def objects(size):
@@ -274,4 +285,5 @@ CASES = [
     Case("200 bytes, first saturated", UNEQUAL, exchange(foreign_bulk), (*QUANTILES, Figure("rate", "foreign Mbit/s"))),
     Case("200 bytes beside own bulk", UNEQUAL, exchange(own_bulk), (*QUANTILES, Figure("rate", "bulk Mbit/s"))),
     Case("200 bytes, 5 % loss", (link(80, 20, "5%"), link(20, 80, "5%")), exchange(), QUANTILES),
+    Case("one path, no limit", (), unlimited, (Figure("rate", "Mbit/s"),), 10, ("tandem", "tcp", "quic"), "quic"),
 ]

@@ -125,7 +125,7 @@ class Tandem(Peer):
         program = self.chosen.tandem
         self.server = self.start(self.rig.server, program, "server", "--cert", self.work / "cert.pem", "--key",
                                  self.work / "key.pem", "--listen", 14002, *common)
-        paths = [word for number in range(self.links or len(self.rig.links)) for word in ("--path", self.path(number))]
+        paths = [word for number in range(self.links or max(1, len(self.rig.links))) for word in ("--path", self.path(number))]
         self.client = self.start(self.rig.client, program, "client", f"{SERVER}:14002", "--trust", self.trust(), *paths, "--tcp",
                                  f"127.0.0.1:{FORWARD_PORT}=127.0.0.1:{FLOW_PORT}", *common, *self.options)
 
@@ -173,4 +173,42 @@ class TandemDevices(Tandem):
         return f"l{number}"
 
 
-ALL = {each.name: each for each in (Tandem, Mptcp, Tcp, TandemOnePath, TandemDevices)}
+class QuicExample(Peer):
+    """The QUIC library's own example pair. It carries no TCP: it downloads a file that is all holes."""
+
+    name = "quic"
+    BYTES = 1 << 30
+
+    def prepare(self):
+        Tandem.make_credentials(self)
+        served = self.work / "htdocs"
+        served.mkdir(exist_ok=True)
+        with open(served / "file", "wb") as file:
+            file.truncate(self.BYTES)
+        self.start(self.rig.server, "gtlsserver", "-q", "--max-gso-dgrams=64", f"--cc={self.congestion()}", "-d", served, SERVER, 4433,
+                   self.work / "key.pem", self.work / "cert.pem")
+
+    def congestion(self):
+        """The library's names: what tandem calls bbr is its bbr2."""
+        return {"bbr": "bbr2", "bbr1": "bbr"}.get(self.chosen.congestion, self.chosen.congestion)
+
+    def wait(self):
+        deadline = time.monotonic() + START_SECONDS
+        while not run("ip", "netns", "exec", self.rig.server, "ss", "-Hnlu", "sport = :4433"):
+            if time.monotonic() > deadline:
+                raise Failure(f"gtlsserver does not listen\n{self.output()}")
+            time.sleep(0.05)
+
+    def download(self):
+        """Mbit/s of payload, from the start of the client to its end."""
+        start = time.monotonic()
+        client = self.rig.start(self.rig.client, "gtlsclient", "-q", "--no-quic-dump", "--no-http-dump", f"--cc={self.congestion()}",
+                                "--exit-on-all-streams-close", SERVER, 4433, f"https://{SERVER}:4433/file",
+                                stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
+        _, error = client.communicate(timeout=120)
+        if client.returncode != 0:
+            raise Failure(f"gtlsclient: {error.strip()[-300:]}")
+        return self.BYTES * 8 / 1e6 / (time.monotonic() - start)
+
+
+ALL = {each.name: each for each in (Tandem, Mptcp, Tcp, TandemOnePath, QuicExample, TandemDevices)}

@@ -61,7 +61,10 @@ void change(pipe::settings& settings, std::string_view what, std::string_view va
 }
 
 std::string set(links& existing, const words& line) {
-    if (line.size() < 3 || line.size() > 4) throw std::invalid_argument("usage: WHAT LINK VALUE [up|down]");
+    if (line.size() < 3 || line.size() > 4) {
+        throw std::invalid_argument(
+            "neither add, seed nor stats, nor rate, delay, loss, queue or dark with LINK VALUE [up|down]");
+    }
     if (line.size() == 4 && line[3] != "up" && line[3] != "down") throw std::invalid_argument("neither up nor down");
     link& chosen = named(existing, line[1]);
     for (const auto which : {link::up, link::down}) {

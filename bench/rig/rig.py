@@ -52,12 +52,12 @@ class Link:
         """From "80M,10ms,loss=1%,queue=200k"; rate and delay come first."""
         words = text.split(",")
         if len(words) < 2:
-            raise ValueError(f"not RATE,DELAY[,loss=SHARE][,queue=BYTES]: '{text}'")
+            raise argparse.ArgumentTypeError(f"not RATE,DELAY[,loss=SHARE][,queue=BYTES]: '{text}'")
         link = Link(words[0], words[1])
         for word in words[2:]:
             name, _, value = word.partition("=")
             if name not in ("loss", "queue"):
-                raise ValueError(f"neither loss nor queue: '{word}'")
+                raise argparse.ArgumentTypeError(f"neither loss nor queue: '{word}'")
             setattr(link, name, value)
         return link
 
@@ -154,6 +154,15 @@ class Rig:
         self.up(number)
         return number
 
+    def add_veth(self):
+        """Instead of links: a pair of devices l0 without a limit, with the addresses of link 0. Only the processors' speed
+        limits what passes."""
+        run("ip", "-n", self.client, "link", "add", "l0", "type", "veth", "peer", "name", "l0", "netns", self.server)
+        for host, name in ((1, self.client), (2, self.server)):
+            run("ip", "-n", name, "addr", "add", f"10.90.0.{host}/24", "dev", "l0")
+            run("ip", "-n", name, "link", "set", "l0", "up")
+        run("ip", "-n", self.client, "route", "add", SERVER, "via", "10.90.0.2")
+
     def configure(self, number, link):
         self.links[number] = link
         for field in dataclasses.fields(link):
@@ -212,7 +221,7 @@ def main():
                     getattr(rig, words[0])(int(words[1]))
                     print("ok", flush=True)
                 elif words:
-                    print("ok", rig.command(*words), flush=True)
+                    print(f"ok {rig.command(*words)}".rstrip(), flush=True)
             except (Failure, ValueError) as error:
                 print("error:", error, flush=True)
 
