@@ -1,6 +1,7 @@
 #ifndef TANDEM_BENCH_RIG_FLOW_PATTERN_H
 #define TANDEM_BENCH_RIG_FLOW_PATTERN_H
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -21,18 +22,14 @@ inline uint64_t final_word(uint64_t k) {
 class pattern_check {
   public:
     void take(std::span<const std::byte> bytes) {
-        for (const std::byte each : bytes) {
-            word_ |= static_cast<uint64_t>(each) << (8 * filled_);
-            if (++filled_ < 8) continue;
-            if (ended_) broken_ = true;
-            if (word_ == final_word(words_)) {
-                ended_ = true;
-            } else if (word_ != pattern_word(words_)) {
-                broken_ = true;
-            }
-            ++words_;
-            word_ = 0;
+        while (!bytes.empty()) {
+            const size_t taken = std::min(bytes.size(), sizeof word_ - filled_);
+            std::memcpy(reinterpret_cast<char*>(&word_) + filled_, bytes.data(), taken);
+            bytes = bytes.subspan(taken);
+            filled_ += taken;
+            if (filled_ < sizeof word_) return;
             filled_ = 0;
+            take_word();
         }
     }
     /** Asked at the end of the stream. */
@@ -40,8 +37,18 @@ class pattern_check {
     bool broken() const { return broken_; }
 
   private:
+    void take_word() {
+        if (ended_) broken_ = true;
+        if (word_ == final_word(words_)) {
+            ended_ = true;
+        } else if (word_ != pattern_word(words_)) {
+            broken_ = true;
+        }
+        ++words_;
+    }
+
     uint64_t word_ = 0;
-    unsigned filled_ = 0;
+    size_t filled_ = 0;
     uint64_t words_ = 0;
     bool ended_ = false;
     bool broken_ = false;
