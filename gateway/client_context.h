@@ -49,6 +49,8 @@ class client_context_t : public advanced_connection_context_t {
 
     client_context_t(st_tloop_t* link_loop, const identity_t& identity, std::vector<listening_forward_t> to_forward,
                      client_observer_t& observer);
+    // As in gateway_context_t.
+    ~client_context_t() override { stop_forwarding(); }
 
     void on_authorize_acked(int code, const std::string& message) override;
     std::shared_ptr<packet_t> on_external_analyse_stream_packet(uint64_t stream_id, std::shared_ptr<packet_t> packet,

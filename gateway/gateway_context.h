@@ -19,6 +19,8 @@ class gateway_context_t : public advanced_connection_context_t {
 
     // `link_loop` is the link's loop; `authorizer` is shared by the connections.
     gateway_context_t(st_tloop_t* link_loop, std::shared_ptr<authorizer_t> authorizer);
+    // A worker may be in one of the hooks: it must not meet a half-destroyed object.
+    ~gateway_context_t() override { stop_forwarding(); }
 
     bool on_authorize(const std::string& id, const std::string& credential, const std::string& software,
                       const std::string& machine, int& code, std::string& message) override;
