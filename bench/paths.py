@@ -59,11 +59,14 @@ def pick(only):
 
 
 def kernel_congestion(wanted):
-    known = pathlib.Path("/proc/sys/net/ipv4/tcp_available_congestion_control").read_text().split()
-    if wanted in known:
+    """What TCP and MPTCP use: the same if the kernel lets a namespace choose it."""
+    settings = pathlib.Path("/proc/sys/net/ipv4")
+    allowed = (settings / "tcp_allowed_congestion_control").read_text().split()
+    if wanted in allowed:
         return wanted
-    print(f"paths: the kernel has no {wanted} (it has {', '.join(known)}): cubic for TCP and MPTCP", file=sys.stderr)
-    return "cubic"
+    instead = "cubic" if "cubic" in allowed else (settings / "tcp_congestion_control").read_text().strip()
+    print(f"paths: this kernel allows {', '.join(allowed)}, not {wanted}: TCP and MPTCP use {instead}", file=sys.stderr)
+    return instead
 
 
 def measure(case, peer_name, chosen, work, seed):

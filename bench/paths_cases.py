@@ -249,14 +249,10 @@ def own_bulk(case, peer):
 def foreign_bulk(case, peer):
     """Plain TCP over the first link, with cubic, which fills the queue; to a server of its own."""
     rig = peer.rig
-    peer.start(rig.server, peer.chosen.flow, "serve", 6001)
-    peer.set_congestion("cubic")
+    peer.start(rig.server, peer.chosen.flow, "serve", 6001, "cubic")
     time.sleep(0.2)
-    flow = rig.start(rig.client, peer.chosen.flow, "down", "10.90.0.2", 6001, case.seconds + WARM_UP, stdout=subprocess.PIPE,
+    return rig.start(rig.client, peer.chosen.flow, "down", "10.90.0.2", 6001, case.seconds + WARM_UP, stdout=subprocess.PIPE,
                      stderr=subprocess.PIPE)
-    time.sleep(0.5)  # an accepted connection takes what is set when it comes
-    peer.set_congestion()
-    return flow
 
 
 UNEQUAL = (link(80, 20), link(20, 80))

@@ -47,9 +47,8 @@ class Peer:
     def target(self):
         return SERVER, FLOW_PORT
 
-    def set_congestion(self, name=None):
-        """What TCP and MPTCP connections made from now on use."""
-        setting = f"net.ipv4.tcp_congestion_control={name or self.chosen.kernel_congestion}"
+    def set_congestion(self):
+        setting = f"net.ipv4.tcp_congestion_control={self.chosen.kernel_congestion}"
         for namespace in (self.rig.client, self.rig.server):
             run("ip", "netns", "exec", namespace, "sysctl", "-qw", setting)
 

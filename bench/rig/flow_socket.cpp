@@ -83,12 +83,16 @@ bool connection::receive_all(void* data, size_t bytes) const {
     return true;
 }
 
-void serve(uint16_t port, void (*handle)(connection&)) {
+void serve(uint16_t port, const std::string& congestion, void (*handle)(connection&)) {
     const int listener = make_socket();
     const int on = 1;
     ::setsockopt(listener, SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
     const sockaddr_in own = address("0.0.0.0", port);
     if (::bind(listener, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0) fail("bind");
+    if (!congestion.empty() && ::setsockopt(listener, IPPROTO_TCP, TCP_CONGESTION, congestion.data(),
+                                            static_cast<socklen_t>(congestion.size())) != 0) {
+        fail("congestion control");
+    }
     if (::listen(listener, 128) != 0) fail("listen");
     while (true) {
         const int fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC);

@@ -34,8 +34,9 @@ class connection {
 };
 
 /** Accepts on every address, each connection on a thread of its own. Does not return. A connection that fails is
- * reported on standard error and does not disturb the others. */
-[[noreturn]] void serve(uint16_t port, void (*handle)(connection&));
+ * reported on standard error and does not disturb the others. `congestion` names the kernel's congestion control for
+ * what is sent; empty: the system's. */
+[[noreturn]] void serve(uint16_t port, const std::string& congestion, void (*handle)(connection&));
 
 }  // namespace flow
 

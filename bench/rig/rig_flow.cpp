@@ -1,6 +1,6 @@
 /* TCP flows whose receiver watches the clock, and the server that they talk to.
  *
- *   rig_flow serve PORT
+ *   rig_flow serve PORT [CONGESTION]                          CONGESTION: the kernel's name of a congestion control
  *   rig_flow down|up HOST PORT SECONDS                        bulk, towards or away from this program
  *   rig_flow objects HOST PORT SECONDS BYTES                  objects on one connection, each asked for after the last
  *   rig_flow exchange HOST PORT SECONDS BYTES INTERVAL_MS     messages that are answered, one at a time
@@ -173,12 +173,14 @@ Number number(std::string_view word) {
 
 std::string run(const std::vector<std::string_view>& words) {
     const std::string_view mode = words.empty() ? "" : words[0];
-    if (mode == "serve" && words.size() == 2) flow::serve(number<uint16_t>(words[1]), answer);
+    if (mode == "serve" && (words.size() == 2 || words.size() == 3)) {
+        flow::serve(number<uint16_t>(words[1]), std::string(words.size() == 3 ? words[2] : ""), answer);
+    }
     const bool bulk = (mode == "down" || mode == "up") && words.size() == 4;
     const bool objects = mode == "objects" && words.size() == 5;
     if (!bulk && !objects && (mode != "exchange" || words.size() != 6)) {
         throw std::runtime_error(
-            "usage: serve PORT | down|up HOST PORT SECONDS | objects HOST PORT SECONDS BYTES | "
+            "usage: serve PORT [CONGESTION] | down|up HOST PORT SECONDS | objects HOST PORT SECONDS BYTES | "
             "exchange HOST PORT SECONDS BYTES INTERVAL_MS");
     }
     const double seconds = number<double>(words[3]);

@@ -12,7 +12,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstdio>
-#include <cstdlib>
+#include <ctime>
 #include <exception>
 #include <string>
 #include <string_view>
@@ -24,7 +24,8 @@ namespace {
 
 using rig::nanoseconds;
 
-/* Wake-ups are gathered: a packet is delivered up to this much late. */
+/* Wake-ups are gathered: a packet is taken, and delivered, up to this much late. On a virtual machine a sleep and the
+ * waking of a receiver cost many times what the packet does. */
 constexpr nanoseconds grain = std::chrono::microseconds(100);
 constexpr size_t longest_line = 4096;
 
@@ -40,6 +41,17 @@ void be_punctual() {
         std::fputs("rig_link: no real-time priority: packets may be late (see most_late_us in stats)\n", stderr);
     }
     ::prctl(PR_SET_TIMERSLACK, 1UL);
+}
+
+/* The next moment at which anything is done. */
+nanoseconds after(nanoseconds moment) {
+    return (moment + grain - nanoseconds(1)) / grain * grain;
+}
+
+void sleep_until(nanoseconds moment) {
+    const timespec end{.tv_sec = static_cast<time_t>(moment.count() / 1'000'000'000),
+                       .tv_nsec = static_cast<long>(moment.count() % 1'000'000'000)};
+    ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr);
 }
 
 class loop {
@@ -97,8 +109,7 @@ int loop::wait(std::array<epoll_event, 64>& events) {
     }
     timespec timeout{};
     if (earliest) {
-        const nanoseconds wake = (*earliest + grain - nanoseconds(1)) / grain * grain;
-        const nanoseconds left = std::max(wake - rig::clock_now(), nanoseconds(0));
+        const nanoseconds left = std::max(after(*earliest) - rig::clock_now(), nanoseconds(0));
         timeout.tv_sec = static_cast<time_t>(left.count() / 1'000'000'000);
         timeout.tv_nsec = static_cast<long>(left.count() % 1'000'000'000);
     }
@@ -117,6 +128,7 @@ void loop::run() {
         const nanoseconds now = rig::clock_now();
         for (rig::link& each : links_.all)
             each.deliver(now);
+        if (count > 0) sleep_until(after(now + nanoseconds(1)));
     }
 }
 
