@@ -154,6 +154,11 @@ TEST_F(trouble, a_connection_without_a_path_ends_on_both_sides_after_its_time) {
     settings s;
     s.linger_seconds = 2;
     start_over(one_path, {}, {}, s);
+    // The server sends nothing, probes included, before it has heard that the client is ready.
+    stream = side::open(at_client);
+    const uint8_t byte = 1;
+    ASSERT_EQ(tndm_add_to_stream(at_client, stream, &byte, 1, 0), 0);
+    ASSERT_TRUE(server->received(at_server, stream, 1, false));
     ASSERT_EQ(tndm_enable_keep_alive(at_client, nullptr, 50, 0), 0);
     ASSERT_EQ(tndm_enable_keep_alive(at_server, nullptr, 50, 0), 0);
     const auto fell = clock::now();
