@@ -76,9 +76,14 @@ typedef struct {
     tndm_statistics_cb statistics;
 } st_tndm_client_t;
 
+/* CONNECTED: joined and answering. CONNECTING: its first handshake, or one after a failure, is under way. DEAD: it has
+ * stopped answering, or is gone and waits for the next try; at a server: the client has no subflow on it now. IDLE: a
+ * backup path while another one answers, or a path that has not been tried yet. */
 enum { TNDM_PATH_IDLE = 0, TNDM_PATH_CONNECTED = 1, TNDM_PATH_CONNECTING = 2, TNDM_PATH_DEAD = 3 };
 
-/* One path of a connection; the byte offsets are the same on every machine. Counters are cumulative. */
+/* One path of a connection; the byte offsets are the same on every machine. Counters are cumulative over the subflows
+ * that a path of this name has had within the connection, and never go backwards. The other figures are of now: 0 when
+ * the path has no subflow, the last known ones when it has stopped answering. */
 typedef struct {
     char name[128];
     int32_t state; /* TNDM_PATH_* */
@@ -137,7 +142,10 @@ TANDEM_PLATFORM_API int tndm_enable_keep_alive(void* connection, void* context, 
 /* Bytes handed to the connection, and bytes of those sent, since it was established. */
 TANDEM_PLATFORM_API uint64_t tndm_get_bytes_queued(void* connection);
 TANDEM_PLATFORM_API uint64_t tndm_get_data_sent(void* connection);
-/* Fills at most `count` pointers with one record a path, each to be released with free(); the number filled, or -1. */
+/* Fills at most `count` pointers with one record a path, each to be released with free(); the number filled, or -1.
+ * A client lists the paths that it was given, in the order of tndm_add_path, under their names without options. A
+ * server lists those that the client has used in this connection, in the order of their first use; of those that are
+ * DEAD it remembers the latest 32. */
 TANDEM_PLATFORM_API int tndm_get_path_info_by_connection(void* instance, void* connection,
                                                          st_tndm_path_info_t** records, int count);
 

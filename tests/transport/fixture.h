@@ -134,6 +134,8 @@ class side {
     // Opens a stream and queues everything on it.
     static uint64_t send(void* connection, const bytes_t& content, bool fin, bool one_way = false);
     std::vector<st_tndm_path_info_t> paths(void* connection) const;
+    // Those that have a subflow now.
+    std::vector<st_tndm_path_info_t> carried_paths(void* connection) const;
 
     // Run on the loop's thread, before the record is written; set them before start().
     std::function<void(void*connection)> on_established, on_disconnected;

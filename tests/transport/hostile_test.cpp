@@ -291,7 +291,7 @@ TEST_F(hostile, a_join_needs_the_secret_of_its_own_connection) {
         std::copy(id.begin(), id.end(), honest.begin());
     });
     EXPECT_FALSE(join(honest, right));
-    EXPECT_EQ(server->paths(at_server).size(), 2U);
+    EXPECT_EQ(server->carried_paths(at_server).size(), 2U);
     EXPECT_TRUE(join(welcome->id, right)) << "the one that is right";
     EXPECT_EQ(server->look([&] { return server->established.size(); }), bundles);
 }

@@ -245,9 +245,9 @@ TEST_F(trouble, a_path_that_the_server_has_forgotten_does_not_end_the_connection
     ASSERT_EQ(tndm_enable_keep_alive(at_server, nullptr, 100, 0), 0);
     net->set("127.0.0.2", [](conditions& c) { c.dark_up = true; });
     // The server's idle time, 30 s.
-    ASSERT_TRUE(eventually([&] { return server->paths(at_server).size() == 1; }, 60s));
+    ASSERT_TRUE(eventually([&] { return server->carried_paths(at_server).size() == 1; }, 60s));
     net->set("127.0.0.2", [](conditions& c) { c.dark_up = false; });
-    EXPECT_TRUE(eventually([&] { return server->paths(at_server).size() == 2; }, 15s));
+    EXPECT_TRUE(eventually([&] { return server->carried_paths(at_server).size() == 2; }, 15s));
     exchange(200'000, 1);
     EXPECT_EQ(client->live(), 1U);
     EXPECT_EQ(client->look([&] { return client->established.size(); }), 1U);
@@ -262,12 +262,12 @@ TEST_F(trouble, paths_come_and_go_while_they_carry) {
         const std::string leaving = round % 2 == 0 ? "127.0.0.2" : "127.0.0.3";
         ASSERT_TRUE(server->received(at_server, stream, mark, false));
         ASSERT_EQ(client->add(joining), 0);
-        ASSERT_TRUE(eventually([&] { return server->paths(at_server).size() == 2; }));
+        ASSERT_TRUE(eventually([&] { return server->carried_paths(at_server).size() == 2; }));
         mark = arrived() + 500'000;
         ASSERT_TRUE(server->received(at_server, stream, mark, false));
         ASSERT_EQ(tndm_remove_path(client->instance(), leaving.c_str()), 0);
         ASSERT_TRUE(eventually([&] {
-            const auto left = server->paths(at_server);
+            const auto left = server->carried_paths(at_server);
             return left.size() == 1 && left[0].name == joining;
         }));
         mark = arrived() + 500'000;

@@ -5,6 +5,7 @@
 #include <memory>
 #include <span>
 #include <string>
+#include <string_view>
 
 #include "platform/tndm/quic/subflow.h"
 #include "platform/tndm/udp/batch_sender.h"
@@ -40,6 +41,8 @@ class carrier {
     bool broken() const { return broken_; }
 
     const std::string& path() const { return path_; }
+    // Without the options behind it, as both ends know it.
+    std::string_view name() const { return std::string_view(path_).substr(0, path_.find(';')); }
     void set_path(std::string path) { path_ = std::move(path); }
     connection* joined() const { return joined_; }
     void set_joined(connection* to) { joined_ = to; }

@@ -314,6 +314,7 @@ void client::on_welcome(lane& of, const control::welcome& welcome, const pass& p
     const connection::setup how{core::role::client, welcome.id,      welcome.join_secret, env_.own, peer,
                                 target_.linger,     of.flow().alpn()};
     connection_ = &establish(std::make_unique<connection>(how, env_.commands, p.now));
+    connection_->set_path_wishes([this] { return wishes(); });
     connected_at_ = p.now;
     greeter_.reset();
     of.at = lane::stage::joined;
@@ -405,6 +406,19 @@ bool client::is_last(const lane& of) const {
         const core::lane* other = each == &of ? nullptr : connection_->lane_of(*each);
         return other != nullptr && !other->suspect();
     });
+}
+
+// What each path is while no subflow of its own has joined: on its way, not tried yet, or waiting for its next try.
+std::vector<path_book::wish> client::wishes() const {
+    std::vector<path_book::wish> all;
+    for (const path& each : paths_) {
+        const bool opening = each.current != nullptr || each.fresh != nullptr;
+        const bool untried = each.pause == milliseconds(0);
+        all.push_back({each.text.substr(0, each.text.find(';')), opening   ? TNDM_PATH_CONNECTING
+                                                                 : untried ? TNDM_PATH_IDLE
+                                                                           : TNDM_PATH_DEAD});
+    }
+    return all;
 }
 
 void client::tell_problem(int problem, const std::string& text) {

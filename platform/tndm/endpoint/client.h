@@ -70,6 +70,7 @@ class client : public engine {
     void tell_problem(int problem, const std::string& text);
     path* path_of(const lane& of);
     bool is_last(const lane& of) const;
+    std::vector<path_book::wish> wishes() const;
 
     const target target_;
     resolver resolver_;

@@ -1,7 +1,6 @@
 #include "platform/tndm/endpoint/connection.h"
 
 #include <algorithm>
-#include <cstring>
 #include <utility>
 
 #include "platform/tndm/endpoint/registry.h"
@@ -45,11 +44,13 @@ void connection::add(carrier& lane, bool may_send, core::instant now) {
     lane.flow().attach(bundle_, bundle_.add_lane(now), may_send);
     lane.set_joined(this);
     carriers_.push_back(&lane);
+    paths_.joined(lane.name());
     watch_lanes(now);
 }
 
 void connection::remove(carrier& lane, core::instant now) {
     std::erase(carriers_, &lane);
+    paths_.left(figures_of(lane));
     lane.flow().detach();
     lane.set_joined(nullptr);
     bundle_.remove_lane(lane.flow().lane(), now);
@@ -240,31 +241,35 @@ void connection::flush(const pass& p) {
     }
 }
 
-void connection::refresh_paths() {
-    std::vector<st_tndm_path_info_t> found;
-    for (const carrier* lane : carriers_) {
-        const core::lane* of = lane_of(*lane);
-        if (of == nullptr) {
-            continue;
-        }
-        const ngtcp2_conn_stat stat = lane->flow().statistics();
-        const subflow::counters& traffic = lane->flow().traffic();
-        st_tndm_path_info_t& info = found.emplace_back();
-        std::memset(&info, 0, sizeof info);
-        lane->path().copy(info.name, sizeof info.name - 1);
-        info.state = of->suspect() ? TNDM_PATH_DEAD : TNDM_PATH_CONNECTED;
-        info.packets_sent = traffic.packets_sent;
-        info.packets_received = traffic.packets_received;
-        info.rtt = stat.smoothed_rtt / NGTCP2_MICROSECONDS;
-        info.delivery_rate = stat.delivery_rate_sec;
-        info.window = stat.cwnd;
-        info.pacing_rate = stat.pacing_rate > 0 ? static_cast<uint64_t>(stat.pacing_rate * NGTCP2_SECONDS) : 0;
-        info.packets_lost = of->counters().datagrams_lost;
-        info.bytes_resent = of->counters().bytes_resent;
-        info.bytes_sent = traffic.bytes_sent;
-        info.bytes_received = traffic.bytes_received;
+path_book::lane_figures connection::figures_of(const carrier& lane) const {
+    const ngtcp2_conn_stat stat = lane.flow().statistics();
+    const subflow::counters& traffic = lane.flow().traffic();
+    path_book::lane_figures made;
+    made.name = lane.name();
+    made.rtt_us = stat.smoothed_rtt / NGTCP2_MICROSECONDS;
+    made.window = stat.cwnd;
+    made.delivery_rate = stat.delivery_rate_sec;
+    made.pacing_rate = stat.pacing_rate > 0 ? static_cast<uint64_t>(stat.pacing_rate * NGTCP2_SECONDS) : 0;
+    made.counted.packets_sent = traffic.packets_sent;
+    made.counted.packets_received = traffic.packets_received;
+    made.counted.bytes_sent = traffic.bytes_sent;
+    made.counted.bytes_received = traffic.bytes_received;
+    if (const core::lane* of = lane_of(lane)) {
+        made.answers = !of->suspect();
+        made.backup = of->backup();
+        made.counted.packets_lost = of->counters().datagrams_lost;
+        made.counted.bytes_resent = of->counters().bytes_resent;
     }
-    ledger_->set_paths(std::move(found));
+    return made;
+}
+
+void connection::refresh_paths() {
+    std::vector<path_book::lane_figures> live;
+    for (const carrier* lane : carriers_) {
+        live.push_back(figures_of(*lane));
+    }
+    const auto wishes = path_wishes_ ? path_wishes_() : std::vector<path_book::wish>();
+    ledger_->set_paths(paths_.records(live, path_wishes_ ? &wishes : nullptr));
 }
 
 }  // namespace tndm

@@ -17,6 +17,7 @@
 #include "platform/tndm/core/bundle.h"
 #include "platform/tndm/endpoint/carrier.h"
 #include "platform/tndm/endpoint/ledger.h"
+#include "platform/tndm/endpoint/path_book.h"
 #include "platform/tndm/quic/control_message.h"
 
 namespace tndm {
@@ -91,6 +92,9 @@ class connection {
     // Lets the lanes pull, nearest first, and books what went out.
     void flush(const pass& p);
     void refresh_paths();
+    // Asked at each refresh for the paths that this side wants; without it the paths are those that there have been.
+    using wishes_t = std::function<std::vector<path_book::wish>()>;
+    void set_path_wishes(wishes_t wishes) { path_wishes_ = std::move(wishes); }
 
     core::instant scheduled = core::never;  // of deadline_set
     bool touched = false;                   // stands in the owner's list of connections to serve
@@ -100,6 +104,7 @@ class connection {
     void tell_disconnected(const application& app, core::instant now);
     st_tndm_connection_id_t id_record() const;
     void watch_lanes(core::instant now);
+    path_book::lane_figures figures_of(const carrier& lane) const;
 
     const core::role role_;
     const control::bundle_id id_;
@@ -109,6 +114,8 @@ class connection {
     std::shared_ptr<ledger> ledger_;
     void* handle_;
     std::vector<carrier*> carriers_;
+    path_book paths_;
+    wishes_t path_wishes_;
 
     bool announced_ = false;
     bool told_end_ = false;
