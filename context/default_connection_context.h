@@ -57,9 +57,11 @@ class TANDEM_API default_connection_context_t : public connection_context_t {
     void update_local_path_info();
     static void timer_cb(st_tloop_t* loop, void* timer, void* user);
 
-  protected:
     using path_map_t = std::map<std::string, std::shared_ptr<path_state_t>>;
+    // A copy of the peer's last report; the first `most` paths of it, for a peer may name many. Any thread.
+    path_map_t peer_report(size_t most);
 
+  protected:
     std::string hs_i;
     std::string hs_c;
     std::string hs_t;

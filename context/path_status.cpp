@@ -1,6 +1,8 @@
 // The path reports of default_connection_context_t: the status timer, sampling, and what the peer reported.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 
 #include "context/default_connection_context.h"
 #include "link/tndm.h"
@@ -117,6 +119,12 @@ void default_connection_context_t::update_local_path_info() {
         }
     }
     send_packet(control_stream_id, report, 0);
+}
+
+default_connection_context_t::path_map_t default_connection_context_t::peer_report(size_t most) {
+    const std::lock_guard lock(peer_path_mutex);
+    return {peer_paths.begin(),
+            std::next(peer_paths.begin(), static_cast<ptrdiff_t>(std::min(most, peer_paths.size())))};
 }
 
 // A report replaces the last one. It ends at the first value that is not a path.

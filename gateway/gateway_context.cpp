@@ -31,6 +31,7 @@ bool gateway_context_t::on_authorize(const std::string& id, const std::string& c
                                      const std::string& machine, int& code, std::string& message) {
     code = authorizer_->authorize({id, credential, software, machine}, message);
     if (code == 0) {
+        client_machine_ = machine;
         deadline_.cancel();
         max_frame_length = client_frame;
         return true;

@@ -27,8 +27,11 @@ class gateway_context_t : public advanced_connection_context_t {
     std::shared_ptr<packet_t> on_received_stream_packet(uint64_t stream_id, std::shared_ptr<packet_t> packet, bool skip,
                                                         int fin, bool& handled) override;
     void on_destroy() override;
+    // The machine that the client says it is; empty before it is authorised. Not to be printed as it is. Loop's thread.
+    const std::string& client_machine() const { return client_machine_; }
 
   private:
+    std::string client_machine_;
     std::shared_ptr<authorizer_t> authorizer_;
     deadline_t deadline_;
 };
