@@ -225,6 +225,13 @@ uint32_t packet_t::check_and_push(const uint8_t* data, uint32_t len, uint32_t& c
     return complete();
 }
 
+bool packet_t::is_empty_frame() const {
+    if (header_length_ == 0 || header_received_ < header_length_) return false;
+    uint64_t length = 0;
+    t_varint_decode(header_, sizeof(header_), &length);
+    return length == 0;
+}
+
 // The capacity is the announced length from here on; the memory behind it follows the bytes.
 void packet_t::start_body(uint64_t length) {
     if (length == 0 || length > frame_limit_ || length < size_ || handed_over_) return;

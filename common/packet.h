@@ -90,6 +90,8 @@ class TANDEM_API packet_t {
     // frame of length 0, one longer than limit_frame allows and one that memory cannot hold never complete, and take no
     // byte of a body. Memory grows with what arrives, not with what is announced.
     uint32_t check_and_push(const uint8_t* data, uint32_t len, uint32_t& consumed);
+    // Whether check_and_push has read a header that announces no body.
+    bool is_empty_frame() const;
     // The longest body that check_and_push accepts, in bytes.
     void limit_frame(uint32_t longest) { frame_limit_ = longest; }
 

@@ -105,6 +105,7 @@ void connection_context_t::push_stream_data(uint64_t stream_id, const uint8_t* d
     if (len == 0 && fin == 0) return;
     take_packets(stream_id, data, len, fin);
     delivery_remaining_ = 0;
+    if (delivered_handler_) delivered_handler_();
     if (fin == 0 || (stream_id != control_stream_id && stream_id != peer_control_stream_id)) return;
     log_place("push_stream_data", 536);
     std::printf("Connection [%p] - Disconnected! The control-stream is FIN.\n", connection);
@@ -125,7 +126,11 @@ void connection_context_t::take_packets(uint64_t stream_id, const uint8_t* data,
             packet->limit_frame(max_frame_length);
         }
         uint32_t consumed = 0;
-        const bool complete = packet->check_and_push(data, len, consumed) != 0;
+        bool complete = packet->check_and_push(data, len, consumed) != 0;
+        // The end of a stream is an empty frame, too.
+        if (!complete && accept_empty_frames_ && packet->is_empty_frame() && (fin == 0 || consumed < len)) {
+            complete = peer_control_known && stream_id != peer_control_stream_id && stream_id != control_stream_id;
+        }
         if (!complete && consumed == len && fin == 0) {
             if (found == pending.end()) pending.emplace(stream_id, std::move(packet));
             return;

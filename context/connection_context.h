@@ -116,6 +116,12 @@ class TANDEM_API connection_context_t {
     uint32_t max_frame_length = UINT32_MAX;
     // Called on the loop's thread by stream_writable. To be set before the context is bound.
     std::function<void(uint64_t stream_id)> writable_handler_;
+    // Called on the loop's thread when all packets of a delivery have been dispatched. To be set before the context is
+    // bound.
+    std::function<void()> delivered_handler_;
+    // Whether an empty frame that does not end its stream is a packet without bytes. Otherwise it is a framing fault.
+    // Never so on control streams. To be set before data arrive.
+    bool accept_empty_frames_ = false;
 
   private:
     void accept_marker(uint64_t stream_id, const packet_t& packet);

@@ -100,9 +100,13 @@ void advanced_connection_context_t::set_delivery(delivery_t delivery) {
     delivery_ = delivery;
     if (delivery == delivery_t::lossless) {
         writable_handler_ = [this](uint64_t stream_id) { stream_became_writable(stream_id); };
+        delivered_handler_ = [this] { send_delivered(); };
     } else {
         writable_handler_ = nullptr;
+        delivered_handler_ = nullptr;
     }
+    // A datagram may be empty.
+    accept_empty_frames_ = delivery == delivery_t::lossless;
 }
 
 void advanced_connection_context_t::reset(void* new_instance, void* new_connection, st_tloop_t* link_loop,

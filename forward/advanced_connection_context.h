@@ -21,6 +21,7 @@
 
 namespace tandem {
 
+class frame_batch_t;
 class worker_gate_t;
 
 // classic: fast and simple, drops the rest of a short write and what waits when a stream ends, knows no half-close, and
@@ -54,6 +55,11 @@ class TANDEM_API advanced_connection_context_t : public default_connection_conte
         STATE_CLOSED = 5,      // leaves the tables with the next purge
     };
 
+    struct outgoing_t {
+        packet_queue_t packets;
+        size_t bytes = 0;
+    };
+
     // A registered forward, or one forwarded flow: a descriptor and its stream. The loop's thread owns the record;
     // `lock` guards what other threads reach too.
     struct TANDEM_API forward_detail {
@@ -81,6 +87,7 @@ class TANDEM_API advanced_connection_context_t : public default_connection_conte
         bool tx_active = false;
         std::deque<std::shared_ptr<packet_t>> pending_packets;  // from the stream, not yet written
         tcp_flow_t flow;
+        std::unique_ptr<outgoing_t> outgoing;  // UDP: what the stream has no room for; loop's thread
     };
 
     // `loop` runs all forwarding and must outlive the context; null makes a loop and a thread of its own. The four
@@ -201,6 +208,7 @@ class TANDEM_API advanced_connection_context_t : public default_connection_conte
   private:
     struct fwdr_t;
     struct backend_t;
+    struct scratch_t;
 
     // What a TCP pump works on, and the marks that hold for it just now.
     struct tcp_lookup_t {
@@ -274,9 +282,26 @@ class TANDEM_API advanced_connection_context_t : public default_connection_conte
 
     record_t find_udp_peer(const record_t& forward, int fd, sockaddr_storage& from, bool& update_owed);
     bool take_datagram(const record_t& forward, int fd, packet_t& packet, sockaddr_storage& from, bool& update_owed);
-    bool end_udp_listen(const record_t& forward, int fd, ssize_t received, bool update_owed);
+    void end_udp_listen(const record_t& forward, int fd, ssize_t received, bool update_owed);
     std::string default_tuntap_device();
-    static void flush_datagrams(forward_detail& inst);
+    static int flush_datagrams(forward_detail& inst);
+
+    // With lossless delivery.
+    scratch_t& scratch();
+    frame_batch_t& frames();
+    void read_udp_listen_lossless(const record_t& forward, int fd);
+    void read_udp_lossless(const record_t& inst, int fd);
+    bool send_frames(const record_t& inst);
+    void await_writable(const record_t& inst, const flow_marks_t& marks);
+    void send_waiting_datagrams(const record_t& inst);
+    void deliver_udp_lossless(const record_t& inst, const std::shared_ptr<packet_t>& packet, int fin);
+    void send_delivered();
+    void read_vpn_lossless(const record_t& inst, int fd);
+    bool send_vpn_frames(const record_t& inst);
+    void deliver_vpn_lossless(const record_t& inst, const std::shared_ptr<packet_t>& packet, int fin);
+    bool write_vpn(const record_t& inst, const packet_t& packet);
+    void write_vpn_lossless(const record_t& inst);
+    void reopen_vpn_forwards();
 
     static void run_worker(std::shared_ptr<worker_gate_t> gate, record_t record);
     static bool connect_target(worker_gate_t& gate, const forward_detail& record, backend_t& backend);
@@ -291,6 +316,8 @@ class TANDEM_API advanced_connection_context_t : public default_connection_conte
     // The connection as the forwarding loop sees it; null until the context is bound.
     std::atomic<void*> transport_{nullptr};
     std::deque<uint64_t> writable_streams_;
+    std::shared_ptr<scratch_t> scratch_;  // loop's thread; none until it is needed
+    record_t unsent_;                     // link's thread; has datagrams of the current delivery
     // Streams that have carried an instance: they never carry another. Under table_lock.
     stream_set_t used_streams_;
     std::shared_ptr<worker_gate_t> gate_;

@@ -72,6 +72,7 @@ std::shared_ptr<packet_t> advanced_connection_context_t::take_partial(const reco
         deliver_lossless(inst, packet, true, fin, marks);
         return nullptr;
     }
+    send_delivered();
     if (inst && fin) close_at_stream_end(inst);
     return make_end_of_stream();
 }
@@ -90,9 +91,11 @@ void advanced_connection_context_t::close_at_stream_end(const record_t& inst) {
 void advanced_connection_context_t::deliver(const record_t& inst, const std::shared_ptr<packet_t>& packet, int fin,
                                             const flow_marks_t& marks) {
     if (inst->type == TYPE_UDP) {
-        deliver_udp(inst, packet, fin);
+        lossless() ? deliver_udp_lossless(inst, packet, fin) : deliver_udp(inst, packet, fin);
     } else if (lossless() && inst->type == TYPE_TCP) {
         deliver_lossless(inst, packet, false, fin, marks);
+    } else if (lossless()) {
+        deliver_vpn_lossless(inst, packet, fin);
     } else {
         deliver_classic(inst, packet, fin);
     }

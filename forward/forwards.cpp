@@ -258,7 +258,9 @@ void advanced_connection_context_t::period_check() {
             erase_closed(udp_peers);
         }
     }
-    if (lossless()) resume_paused();
+    if (!lossless()) return;
+    resume_paused();
+    reopen_vpn_forwards();
 }
 
 }  // namespace tandem

@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "forward/advanced_connection_context.h"
@@ -71,13 +72,18 @@ void advanced_connection_context_t::end_reading(const record_t& inst) {
 
 void advanced_connection_context_t::pause_reading(const record_t& inst, const flow_marks_t& marks) {
     stop_rx(inst);
-    inst->flow.read_paused = true;
+    await_writable(inst, marks);
+}
+
+void advanced_connection_context_t::await_writable(const record_t& inst, const flow_marks_t& marks) {
+    if (std::exchange(inst->flow.read_paused, true)) return;
     // When this fails, the timer resumes.
     if (knows_stream_backlog()) tndm_request_writable(transport_.load(), inst->stream_id, marks.low);
 }
 
 void advanced_connection_context_t::resume_reading(const record_t& inst) {
     if (!inst->flow.read_paused || inst->flow.read_ended) return;
+    if (inst->type == TYPE_UDP && inst->stream_id != no_stream) return send_waiting_datagrams(inst);
     inst->flow.read_paused = false;
     if (inst->state == STATE_OPEN || inst->state == STATE_INITIATED) start_rx(inst);
 }

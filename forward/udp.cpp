@@ -8,6 +8,7 @@
 
 #include "common/address.h"
 #include "forward/advanced_connection_context.h"
+#include "forward/datagram_batch.h"
 #include "forward/message_log.h"
 #include "forward/steady_time.h"
 
@@ -16,10 +17,6 @@ namespace tandem {
 namespace {
 
 constexpr uint32_t datagram_size = 65536;
-// One socket's share of a wakeup with lossless delivery.
-constexpr int most_datagrams = 64;
-// What waits for a socket that is not made yet; more is dropped, as a network would.
-constexpr size_t most_waiting = 64;
 
 ssize_t receive(int fd, packet_t& packet, sockaddr_storage& from) {
     socklen_t length = sizeof(from);
@@ -43,11 +40,6 @@ std::string peer_key(const sockaddr_storage& from) {
     return {reinterpret_cast<const char*>(&from), length};
 }
 
-// The socket itself is broken; other errors tell of one datagram, or pass.
-bool is_fatal(int error) {
-    return error == EBADF || error == ENOTSOCK || error == EFAULT || error == EINVAL;
-}
-
 }  // namespace
 
 void advanced_connection_context_t::process_udp_listen_io_read(int fd) {
@@ -57,29 +49,29 @@ void advanced_connection_context_t::process_udp_listen_io_read(int fd) {
         close(fd);
         return;
     }
+    if (lossless()) return read_udp_listen_lossless(forward, fd);
     bool update_owed = false;
-    for (int count = 0; !lossless() || count < most_datagrams; ++count) {
+    for (;;) {
         packet_t packet(datagram_size);
         sockaddr_storage from{};
         const ssize_t received = receive(fd, packet, from);
         if (received <= 0) {
-            if (end_udp_listen(forward, fd, received, update_owed)) return;
-        } else if (!take_datagram(forward, fd, packet, from, update_owed)) {
+            return end_udp_listen(forward, fd, received, update_owed);
+        }
+        if (!take_datagram(forward, fd, packet, from, update_owed)) {
             return update_forwarding();
         }
     }
-    if (update_owed) update_forwarding();
 }
 
-// What to do when there is no datagram, or an empty one; false to read on.
-bool advanced_connection_context_t::end_udp_listen(const record_t& forward, int fd, ssize_t received,
+// When there is no datagram, or an empty one.
+void advanced_connection_context_t::end_udp_listen(const record_t& forward, int fd, ssize_t received,
                                                    bool update_owed) {
     const int error = errno;
     if (received < 0 && (error == EAGAIN || error == EINTR)) {
         if (update_owed) update_forwarding();
-        return true;
+        return;
     }
-    if (lossless() && (received == 0 || !is_fatal(error))) return false;
     if (received == 0) {
         log_message("process_udp_listen_io_read", __LINE__,
                     "UDP listen I/O - ERROR! Close listener! fd=(%d) is closed.\n", fd);
@@ -89,7 +81,6 @@ bool advanced_connection_context_t::end_udp_listen(const record_t& forward, int 
                     std::strerror(error));
     }
     close_from_pump(forward);
-    return true;
 }
 
 // False when the peer's stream failed: reading stops and a pass follows.
@@ -113,7 +104,9 @@ bool advanced_connection_context_t::take_datagram(const record_t& forward, int f
 advanced_connection_context_t::record_t advanced_connection_context_t::find_udp_peer(const record_t& forward, int fd,
                                                                                      sockaddr_storage& from,
                                                                                      bool& update_owed) {
-    const std::string key = peer_key(from);
+    std::string key = peer_key(from);
+    // One source may use several forwards. Without loss each has a stream of its own.
+    if (lossless()) key += std::to_string(fd);
     {
         std::lock_guard guard(table_lock);
         const auto found = udp_peers.find(key);
@@ -155,7 +148,8 @@ void advanced_connection_context_t::process_udp_connection_io_read(int fd) {
         close(fd);
         return;
     }
-    for (int count = 0; !lossless() || count < most_datagrams; ++count) {
+    if (lossless()) return read_udp_lossless(inst, fd);
+    for (;;) {
         packet_t packet(datagram_size);
         sockaddr_storage from{};
         const ssize_t received = receive(fd, packet, from);
@@ -172,8 +166,6 @@ void advanced_connection_context_t::process_udp_connection_io_read(int fd) {
                         static_cast<unsigned long long>(inst->stream_id));
         } else if (received < 0 && (error == EAGAIN || error == EINTR)) {
             return;
-        } else if (lossless() && (received == 0 || !is_fatal(error))) {
-            continue;
         } else if (received == 0) {
             log_message("process_udp_connection_io_read", __LINE__,
                         "UDP Peer I/O - ERROR! Close peer instance! fd=(%d) is closed.\n", fd);
@@ -194,7 +186,7 @@ void advanced_connection_context_t::deliver_udp(const record_t& inst, const std:
     const int32_t state = inst->state;
     const bool has_data = packet && packet->size() > 0;
     if (state != STATE_CLOSED && state != STATE_TO_CLOSE && inst->fd < 0) {
-        if (has_data && inst->pending_packets.size() < most_waiting) inst->pending_packets.push_back(packet);
+        if (has_data) push_datagram(inst->pending_packets, inst->flow.queued, packet);
     } else if (state != STATE_CLOSED && state != STATE_TO_CLOSE) {
         inst->last_active_us = steady_time_us();
         flush_datagrams(*inst);
@@ -202,7 +194,7 @@ void advanced_connection_context_t::deliver_udp(const record_t& inst, const std:
         const ssize_t sent = has_data ? send_datagram(fd, *packet, inst->peer_address) : 1;
         const int error = errno;
         const bool failed = sent == 0 || (sent < 0 && error != EINTR && error != EAGAIN);
-        if (failed && !(lossless() && !is_fatal(error))) {
+        if (failed) {
             guard.unlock();
             log_message("on_received_stream_packet", __LINE__,
                         "UDP forward I/O write - ERROR! Close instance. fd=(%d) failed with error: %s\n", fd,
@@ -215,11 +207,9 @@ void advanced_connection_context_t::deliver_udp(const record_t& inst, const std:
     if (fin) close_at_stream_end(inst);
 }
 
-// Sends what waited for the socket. `inst.lock` is held.
-void advanced_connection_context_t::flush_datagrams(forward_detail& inst) {
-    for (; !inst.pending_packets.empty(); inst.pending_packets.pop_front()) {
-        send_datagram(inst.fd, *inst.pending_packets.front(), inst.peer_address);
-    }
+// Sends what waited for the socket; 0, or the error of the last one that failed. `inst.lock` is held.
+int advanced_connection_context_t::flush_datagrams(forward_detail& inst) {
+    return send_datagrams(inst.fd, inst.pending_packets, inst.flow.queued, inst.peer_address);
 }
 
 }  // namespace tandem

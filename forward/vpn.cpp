@@ -44,6 +44,7 @@ void advanced_connection_context_t::process_vpn_connection_io_read(int fd) {
         close(fd);
         return;
     }
+    if (lossless()) return read_vpn_lossless(inst, fd);
     for (;;) {
         packet_t packet(frame_size);
         const ssize_t received = read(fd, packet.data(), packet.capacity());
@@ -80,6 +81,7 @@ void advanced_connection_context_t::process_vpn_connection_io_write(int fd) {
         close(fd);
         return;
     }
+    if (lossless()) return write_vpn_lossless(inst);
     bool failed = false;
     std::unique_lock guard(inst->lock);
     while (!inst->pending_packets.empty()) {
