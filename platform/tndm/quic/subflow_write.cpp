@@ -133,11 +133,13 @@ subflow::written subflow::write_packet(core::instant now, std::span<uint8_t> out
             // What does not fill its packet is the last that there is for now, or a probe.
             const bool full = datagram->size() + 64 > largest;
             const written packet = write_datagram(now, out, *datagram, tail || !full);
-            if (packet.result == write_result::nothing && suspect) {
+            if (packet.result == write_result::nothing && datagram->record.what == core::content::probe) {
                 bundle_->probe_refused(lane_, now);
             }
             return packet;
         }
+    } else if (lane != nullptr && lane->probe_due(now)) {
+        bundle_->probe_refused(lane_, now);  // or its deadline would stay in the past until there is room
     }
     if (unanchored_) {
         // The batch ended earlier than it looked: its last packet gets an anchor of its own, for which the reserve has
