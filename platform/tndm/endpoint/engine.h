@@ -61,6 +61,11 @@ class engine {
     virtual void stop_watching() = 0;
     // Brings the ledger's view of the paths up to date.
     void refresh_paths(void* connection_handle);
+    // For whoever looks on; null for an unknown handle.
+    const connection* find(void* connection_handle) const {
+        const auto found = connections_.find(connection_handle);
+        return found == connections_.end() ? nullptr : found->second.get();
+    }
 
   protected:
     virtual void apply_own(command&, const pass&) {}

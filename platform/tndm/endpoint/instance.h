@@ -43,6 +43,10 @@ class instance : public driver, public std::enable_shared_from_this<instance> {
     void destroy();
     // Between enter and leave of the loop, or on its thread.
     void refresh_paths(void* connection_handle);
+    // On the loop's thread; null for an unknown handle.
+    const connection* find_connection(void* connection_handle) const {
+        return engine_ == nullptr ? nullptr : engine_->find(connection_handle);
+    }
 
     // --- driver ---
     pass begin() override;
