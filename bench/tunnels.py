@@ -146,14 +146,14 @@ class Tandem(Tunnel):
         secret = self.directory / "secret"
         secret.write_text(os.urandom(24).hex() + "\n")
         secret.chmod(0o600)
-        link_port = free_port()
+        self.link_port = free_port()
         link = ["--secret", secret] + (["--congestion", self.congestion] if self.congestion else [])
         log = self.spawn("server.out", self.program, "server", "--cert", self.directory / "cert/cert.pem",
-                         "--key", self.directory / "cert/key.pem", "--listen", str(link_port),
+                         "--key", self.directory / "cert/key.pem", "--listen", str(self.link_port),
                          "--log", self.directory / "server.log", *link)
         self.wait_for_line("^listening ", log)
         paths = [word for path in self.paths for word in ("--path", path)]
-        log = self.spawn("client.out", self.program, "client", f"127.0.0.1:{link_port}", "--trust", pin, *paths,
+        log = self.spawn("client.out", self.program, "client", f"127.0.0.1:{self.link_port}", "--trust", pin, *paths,
                          "--tcp", f"127.0.0.1:0=127.0.0.1:{self.target_port}",
                          "--log", self.directory / "client.log", *link)
         self.port = int(self.wait_for_line(r"^forwarding tcp 127\.0\.0\.1:(\d+)", log).group(1))
