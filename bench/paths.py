@@ -28,8 +28,8 @@ def arguments():
     parser = argparse.ArgumentParser(prog="bench/paths.py", description=__doc__.splitlines()[0])
     parser.add_argument("--rounds", type=int, default=5, help="measurements of each peer in each case (5)")
     parser.add_argument("--only", default="", metavar="TEXT,...", help="cases whose names contain one of these, or their numbers")
-    parser.add_argument("--peers", default="tandem,mptcp,tcp,tandem-1,quic", metavar="NAME,...",
-                        help=f"of {','.join(paths_peers.ALL)} (tandem,mptcp,tcp,tandem-1,quic; the last is the QUIC library's example pair)")
+    parser.add_argument("--peers", default="tandem,mptcp,tcp,tandem-1,tandem-dev,tandem-redundant,quic", metavar="NAME,...",
+                        help=f"of {','.join(paths_peers.ALL)} (all; quic is the QUIC library's example pair)")
     parser.add_argument("--seconds", type=float, help="of each measurement, instead of the case's own")
     parser.add_argument("--congestion", default="bbr", help="tandem's, and the kernel's where it has it (bbr)")
     parser.add_argument("--seed", type=int, default=1, help="of the first round's losses (1)")

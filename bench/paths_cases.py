@@ -8,6 +8,7 @@ import time
 
 from rig import Failure, Link
 
+SPECIAL = ("quic", "tandem-dev", "tandem-redundant")  # peers that a case must name
 WARM_UP = 2.0  # seconds of a bulk flow that its rate leaves out: slow start, and the joining of paths
 
 
@@ -35,10 +36,11 @@ class Case:
     figures: tuple
     seconds: float = 12
     only_peers: tuple = ()  # none: all that carry TCP
+    also: tuple = ()  # peers that only some cases concern
     compared_with: str = "mptcp"
 
     def concerns(self, peer):
-        return peer in self.only_peers if self.only_peers else peer != "quic"
+        return peer in self.only_peers if self.only_peers else peer not in SPECIAL or peer in self.also
 
 
 class Sampler:
@@ -280,10 +282,12 @@ CASES = [
     Case("blackhole of 4 s", UNEQUAL, blackhole(0, 4, 4),
          (Figure("pause", "longest pause, ms", False, 400), Figure("back", "s until back", False, 1), Figure("rate", "Mbit/s")), 14),
     Case("device down and up", UNEQUAL, flapping(0, 1, 2),
-         (Figure("pause", "worst pause, ms", False, 200), Figure("rate", "Mbit/s"), Figure("rounds", "rounds")), 20),
+         (Figure("pause", "worst pause, ms", False, 200), Figure("rate", "Mbit/s"), Figure("rounds", "rounds")), 20,
+         also=("tandem-dev",)),
     Case("200 bytes, both idle", UNEQUAL, exchange(), QUANTILES),
     Case("200 bytes, first saturated", UNEQUAL, exchange(foreign_bulk), (*QUANTILES, Figure("rate", "foreign Mbit/s"))),
     Case("200 bytes beside own bulk", UNEQUAL, exchange(own_bulk), (*QUANTILES, Figure("rate", "bulk Mbit/s"))),
-    Case("200 bytes, 5 % loss", (link(80, 20, "5%"), link(20, 80, "5%")), exchange(), QUANTILES),
-    Case("one path, no limit", (), unlimited, (Figure("rate", "Mbit/s"),), 10, ("tandem", "tcp", "quic"), "quic"),
+    Case("200 bytes, 5 % loss", (link(80, 20, "5%"), link(20, 80, "5%")), exchange(), QUANTILES,
+         also=("tandem-redundant",)),
+    Case("one path, no limit", (), unlimited, (Figure("rate", "Mbit/s"),), 10, ("tandem", "tcp", "quic"), compared_with="quic"),
 ]

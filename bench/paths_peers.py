@@ -174,6 +174,13 @@ class TandemDevices(Tandem):
         return f"l{number}"
 
 
+class TandemRedundant(Tandem):
+    """Every chunk on every path."""
+
+    name = "tandem-redundant"
+    options = ("--schedule", "redundant")
+
+
 class QuicExample(Peer):
     """The QUIC library's own example pair. It carries no TCP: it downloads a file that is all holes."""
 
@@ -212,4 +219,5 @@ class QuicExample(Peer):
         return self.BYTES * 8 / 1e6 / (time.monotonic() - start)
 
 
-ALL = {each.name: each for each in (Tandem, Mptcp, Tcp, TandemOnePath, QuicExample, TandemDevices)}
+ALL = {each.name: each for each in (Tandem, Mptcp, Tcp, TandemOnePath, QuicExample, TandemDevices,
+                                     TandemRedundant)}
