@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <memory>
 #include <optional>
 #include <vector>
 
@@ -12,6 +13,7 @@
 #include "app/main_loop.h"
 #include "app/secret_file.h"
 #include "app/trust.h"
+#include "app/watch.h"
 #include "gateway/client_context.h"
 #include "link/link.h"
 
@@ -50,7 +52,8 @@ class client_t : public client_observer_t {
     void on_disconnected(bool was_authorized) override;
     void on_problem(int problem, const std::string& text);
     void fail(const std::string& line);
-    void say(const std::string& line) const { fprintf(streams_.err(), "tandem client: %s\n", line.c_str()); }
+    void say(const std::string& line) const;
+    void tell(const std::string& line) const;
     void start();
 
     const client_command_t& command_;
@@ -64,6 +67,7 @@ class client_t : public client_observer_t {
     std::optional<std::string> failure_;
     // The link ends before the loop, and both before what their callbacks use.
     main_loop_t loop_;
+    std::unique_ptr<watch_t> watch_;  // null when it was not asked for
     link_t link_;
 };
 
@@ -75,9 +79,28 @@ client_t::client_t(const client_command_t& command, const standard_streams_t& st
     }
 }
 
+// Of trouble.
+void client_t::say(const std::string& line) const {
+    fprintf(streams_.err(), "tandem client: %s\n", line.c_str());
+    if (watch_) watch_->interrupted();
+}
+
+// Of what was asked for; with objects on standard output it goes to standard error.
+void client_t::tell(const std::string& line) const {
+    FILE* const out = command_.link.watch == watch_mode_t::json ? streams_.err() : streams_.out();
+    fprintf(out, "%s\n", line.c_str());
+    if (watch_) watch_->interrupted();
+}
+
 void client_t::start() {
-    link_.register_connection_context_factory([this](void*, void*, const std::string&) {
-        return std::make_shared<client_context_t>(loop_.get(), identity_, forwards_, *this);
+    if (command_.link.watch != watch_mode_t::none) {
+        watch_ = std::make_unique<watch_t>(loop_.get(), command_.link.watch, watch_role_t::client, streams_,
+                                           !command_.link.log_file.empty());
+    }
+    link_.register_connection_context_factory([this](void* instance, void* connection, const std::string&) {
+        auto made = std::make_shared<client_context_t>(loop_.get(), identity_, forwards_, *this);
+        if (watch_) watch_->add(instance, connection, made, [this] { return command_.server.text(); });
+        return made;
     });
     link_.set_problem_handler([this](int problem, const std::string& text) { on_problem(problem, text); });
     if (link_.create(to_options(command_), loop_.get()) != 0) {
@@ -109,13 +132,12 @@ int client_t::run() {
 void client_t::on_authorized() {
     reported_problem_ = false;
     if (was_authorized_) {
-        fprintf(streams_.out(), "reconnected\n");
+        tell("reconnected");
         return;
     }
     was_authorized_ = true;
     for (size_t i = 0; i < listeners_.size(); ++i) {
-        fprintf(streams_.out(), "forwarding tcp %s -> %s\n", listeners_[i].where.text().c_str(),
-                command_.forwards[i].target.text().c_str());
+        tell("forwarding tcp " + listeners_[i].where.text() + " -> " + command_.forwards[i].target.text());
     }
 }
 

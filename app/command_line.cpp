@@ -21,9 +21,10 @@ struct typed_t {
     std::string host;
     std::string listen = std::to_string(default_port);
     std::vector<std::string> forwards;
+    std::string watch;
 };
 
-void add_link_options(CLI::App& command, link_settings_t& link) {
+void add_link_options(CLI::App& command, link_settings_t& link, std::string& watch) {
     command
         .add_option("--secret", link.secret_file, "File of one line, readable by this user only, the same on both ends")
         ->required()
@@ -37,6 +38,8 @@ void add_link_options(CLI::App& command, link_settings_t& link) {
     command
         .add_option("--log", link.log_file, "Append the library's messages to this file (otherwise: standard error)")
         ->type_name("FILE");
+    command.add_flag("--watch{table}", watch,
+                     "Print a table of the paths every second, or with =json an object a line");
 }
 
 CLI::App* add_server(CLI::App& app, typed_t& typed) {
@@ -46,7 +49,7 @@ CLI::App* add_server(CLI::App& app, typed_t& typed) {
         ->required()
         ->type_name("FILE");
     command->add_option("--listen", typed.listen, "UDP port")->capture_default_str()->type_name("PORT");
-    add_link_options(*command, typed.server.link);
+    add_link_options(*command, typed.server.link, typed.watch);
     return command;
 }
 
@@ -69,7 +72,7 @@ CLI::App* add_client(CLI::App& app, typed_t& typed) {
         ->add_option("--trust", typed.client.trust,
                      "How to know the server: pin:HEX, ca:FILE, name:TEXT, insecure:yes, parted by ';'")
         ->type_name("TEXT");
-    add_link_options(*command, typed.client.link);
+    add_link_options(*command, typed.client.link, typed.watch);
     return command;
 }
 
@@ -85,17 +88,20 @@ CLI::App* add_cert(CLI::App& app, typed_t& typed) {
     return command;
 }
 
-void check_link(const link_settings_t& link) {
+void check_link(link_settings_t& link, const std::string& watch) {
     static constexpr const char* known[] = {"reno", "cubic", "bbr", "bbr1"};
     if (std::find(std::begin(known), std::end(known), link.congestion) == std::end(known)) {
         throw bad_value("--congestion", link.congestion, "choose reno, cubic, bbr or bbr1");
     }
     if (link.alpn.empty() || link.alpn.size() > longest_alpn)
         throw bad_value("--alpn", link.alpn, "give 1 to 255 bytes");
+    if (!watch.empty() && watch != "table" && watch != "json")
+        throw bad_value("--watch", watch, "write --watch or --watch=json");
+    if (!watch.empty()) link.watch = watch == "json" ? watch_mode_t::json : watch_mode_t::table;
 }
 
 server_command_t checked_server(typed_t& typed) {
-    check_link(typed.server.link);
+    check_link(typed.server.link, typed.watch);
     const auto port = parse_port(typed.listen);
     if (!port) throw bad_value("--listen", typed.listen, "give a UDP port from 1 to 65535");
     typed.server.listen_port = *port;
@@ -116,7 +122,7 @@ void check_paths(const std::vector<std::string>& paths) {
 
 client_command_t checked_client(typed_t& typed) {
     client_command_t& client = typed.client;
-    check_link(client.link);
+    check_link(client.link, typed.watch);
     const auto server = parse_endpoint(typed.host, default_port);
     if (!server)
         throw bad_value("server", typed.host, "write HOST, HOST:PORT or [V6]:PORT, for example gateway.example:14002");

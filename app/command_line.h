@@ -12,12 +12,16 @@ namespace tandem::app {
 
 inline constexpr uint16_t default_port = 14002;
 
+// What --watch prints every second.
+enum class watch_mode_t { none, table, json };
+
 // What server and client have in common.
 struct link_settings_t {
     std::string secret_file;
     std::string alpn = "tndm";
     std::string congestion = "bbr";
     std::string log_file;  // empty: standard error
+    watch_mode_t watch = watch_mode_t::none;
 };
 
 struct server_command_t {

@@ -5,12 +5,14 @@
 
 #include <cerrno>
 #include <cstring>
+#include <memory>
 
 #include "app/certificate.h"
 #include "app/failure.h"
 #include "app/file.h"
 #include "app/main_loop.h"
 #include "app/secret_file.h"
+#include "app/watch.h"
 #include "gateway/gateway_context.h"
 #include "link/link.h"
 
@@ -51,15 +53,24 @@ int run_server(const server_command_t& command, const standard_streams_t& stream
     check_key_pair(command.cert_file, command.key_file);
 
     main_loop_t loop;
+    std::unique_ptr<watch_t> watch;
+    if (command.link.watch != watch_mode_t::none) {
+        watch = std::make_unique<watch_t>(loop.get(), command.link.watch, watch_role_t::server, streams,
+                                          !command.link.log_file.empty());
+    }
     link_t link;
-    link.register_connection_context_factory([&loop, &authorizer](void*, void*, const std::string&) {
-        return std::make_shared<gateway_context_t>(loop.get(), authorizer);
+    link.register_connection_context_factory([&](void* instance, void* connection, const std::string&) {
+        auto made = std::make_shared<gateway_context_t>(loop.get(), authorizer);
+        if (watch) watch->add(instance, connection, made, [of = made.get()] { return of->client_machine(); });
+        return made;
     });
     if (link.create(to_options(command), loop.get()) != 0) {
         link.destroy();
         throw explain_failure(command);
     }
-    fprintf(streams.out(), "listening on UDP port %u\n", unsigned{command.listen_port});
+    // With objects on standard output, everything else goes to standard error.
+    FILE* const notices = command.link.watch == watch_mode_t::json ? streams.err() : streams.out();
+    fprintf(notices, "listening on UDP port %u\n", unsigned{command.listen_port});
     loop.run();
     link.destroy();
     return exit_ok;
