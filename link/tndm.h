@@ -119,7 +119,11 @@ TANDEM_PLATFORM_API int tndm_start_server(void* instance, int socket, const st_t
  * that is null or empty; -1 on failure. */
 TANDEM_PLATFORM_API int tndm_open_socket(int family, uint16_t port, const char* path);
 TANDEM_PLATFORM_API void tndm_close_socket(int socket);
+/* `path` is the name of an interface or a local address, then options: "wwan0;backup:yes" is used only while no path
+ * without that option works. A failure: an unknown option or value, no name, or a name that is there already (with
+ * whatever options: remove it first). */
 TANDEM_PLATFORM_API int tndm_add_path(void* instance, const char* path);
+/* By the name alone or the whole text. */
 TANDEM_PLATFORM_API int tndm_remove_path(void* instance, const char* path);
 TANDEM_PLATFORM_API void* tndm_get_instance_userdata(void* instance);
 /* 0 on success: the ALPN as a terminated text. */
@@ -161,6 +165,10 @@ typedef void (*tndm_problem_cb)(void* instance, int problem, const char* text);
 TANDEM_PLATFORM_WEAK int tndm_set_writable_callback(void* instance, tndm_writable_cb callback);
 /* A client's failed attempts to connect, told on the loop's thread. */
 TANDEM_PLATFORM_WEAK int tndm_set_problem_callback(void* instance, tndm_problem_cb callback);
+/* Which path carries what, in both directions of a client's connection; before the start, and a server obeys its
+ * clients. "default": every path carries what it delivers sooner than the others would. "redundant": everything on every
+ * path. Another name is a failure. */
+TANDEM_PLATFORM_WEAK int tndm_set_schedule(void* instance, const char* name);
 /* Bytes queued on the stream and not sent yet; 0 for an unknown stream. */
 TANDEM_PLATFORM_WEAK uint64_t tndm_get_stream_backlog(void* connection, uint64_t stream_id);
 /* Asks for one writable callback when the stream's backlog is at or below `low_water` bytes (at once if it is already).

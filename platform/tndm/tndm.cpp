@@ -200,6 +200,11 @@ int tndm_set_writable_callback(void* handle, tndm_writable_cb callback) {
     return of == nullptr ? -1 : of->set_writable_callback(callback);
 }
 
+int tndm_set_schedule(void* handle, const char* name) {
+    const auto of = instance_of(handle);
+    return of == nullptr || name == nullptr ? -1 : of->set_schedule(name);
+}
+
 int tndm_set_problem_callback(void* handle, tndm_problem_cb callback) {
     const auto of = instance_of(handle);
     return of == nullptr ? -1 : of->set_problem_callback(callback);

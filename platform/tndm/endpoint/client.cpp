@@ -1,12 +1,10 @@
 #include "platform/tndm/endpoint/client.h"
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <array>
 #include <utility>
 
-#include "platform/tndm/udp/socket.h"
+#include "platform/tndm/endpoint/client_lane.h"
 
 namespace tndm {
 
@@ -17,46 +15,16 @@ using std::chrono::milliseconds;
 // A server that has answered the handshake but not the greeting or the join within this time does not want us on this
 // subflow.
 constexpr auto answer_time = std::chrono::seconds(5);
-// Pauses between tries double up to a bound.
 constexpr milliseconds first_pause{200};
-constexpr milliseconds longest_pause{5000};
 // A connection that has lived this long was a good one: the next try is not held back.
 constexpr auto good_life = std::chrono::seconds(5);
 constexpr int batches_at_once = 4;
 
-milliseconds longer(milliseconds pause) {
-    return std::clamp(2 * pause, first_pause, longest_pause);
+const core::schedule& schedule_of(control::policy named) {
+    return named == control::policy::redundant ? core::redundant() : core::sooner_first();
 }
 
 }  // namespace
-
-// A carrier with a socket of its own, which goes back to the application when it has failed.
-class client::lane final : public carrier {
-  public:
-    enum class stage { handshake, waiting, greeting, joining, joined };
-
-    lane(const std::string& path, int fd) : carrier(path, fd, sender_, false), fd_(fd) {}
-    ~lane() override {
-        set_flow(nullptr);
-        if (fd_ > 0) {
-            ::close(fd_);
-        }
-    }
-    int fd() const { return fd_; }
-    // The socket is somebody else's from now on.
-    int release_socket() {
-        watcher.reset();
-        return std::exchange(fd_, -1);
-    }
-
-    stage at = stage::handshake;
-    core::instant give_up = core::never;
-    std::unique_ptr<io_watcher> watcher;
-
-  private:
-    int fd_;
-    batch_sender sender_;
-};
 
 client::client(const environment& env, target to) : engine(env), target_(std::move(to)), resolver_(env.commands) {
     resolver_.start(target_.host, target_.port);
@@ -115,9 +83,10 @@ void client::apply_own(command& asked, const pass& p) {
             break;
         case command::kind::resolved: {
             const auto answer = resolver_.take();
-            server_ = answer.found;
-            if (server_.empty()) {
-                rest_ = longer(rest_);
+            if (!answer.found.empty()) {
+                server_ = answer.found;
+            } else if (server_.empty()) {
+                rest_ = longer_pause(rest_);
                 rest_until_ = p.now + rest_;
                 tell_problem(TNDM_PROBLEM_NAME, answer.error);
             }
@@ -126,92 +95,6 @@ void client::apply_own(command& asked, const pass& p) {
         default:
             break;
     }
-}
-
-void client::add_path(const std::string& text, const pass& p) {
-    path added;
-    added.text = text;
-    added.next_try = p.now;
-    added.wanting = true;
-    paths_.push_back(std::move(added));
-}
-
-void client::remove_path(const std::string& text, const pass& p) {
-    const auto found = std::find_if(paths_.begin(), paths_.end(), [&](const path& each) { return each.text == text; });
-    if (found == paths_.end()) {
-        return;
-    }
-    const path gone = std::move(*found);
-    paths_.erase(found);
-    for (const auto& of : {gone.current, gone.fresh}) {
-        if (of != nullptr) {
-            abandon(of, close_code::subflow_only, p);
-        }
-    }
-}
-
-client::path* client::path_of(const lane& of) {
-    const auto found = std::find_if(paths_.begin(), paths_.end(), [&](const path& each) {
-        return each.current.get() == &of || each.fresh.get() == &of;
-    });
-    return found == paths_.end() ? nullptr : &*found;
-}
-
-std::shared_ptr<client::lane> client::open(path& on, const pass& p) {
-    const int fd = env_.app.create_path != nullptr ? env_.app.create_path(env_.app.instance, on.text.c_str()) : -1;
-    if (env_.dead || fd <= 0) {
-        if (fd > 0) {
-            ::close(fd);
-        }
-        return nullptr;
-    }
-    auto made = std::make_shared<lane>(on.text, fd);
-    std::string error;
-    auto tls = tls_session::create_client(target_.credentials, target_.alpn, error);
-    if (tls == nullptr) {
-        tell_problem(TNDM_PROBLEM_CERTIFICATE, error);
-        return nullptr;
-    }
-    made->set_flow(subflow::create_client(env_.quic, std::move(tls), local_endpoint(fd), server_, p.now));
-    if (!made->has_flow()) {
-        return nullptr;
-    }
-    made->watcher = std::make_unique<io_watcher>(env_.loop, fd, [this, weak = std::weak_ptr(made)] {
-        if (const auto from = weak.lock()) {
-            readable(from);
-        }
-    });
-    track(made);
-    return made;
-}
-
-void client::open_where_wanted(path& on, const pass& p) {
-    const bool silent = on.current != nullptr && on.current->joined() != nullptr &&
-                        on.current->joined()->lane_of(*on.current) != nullptr &&
-                        on.current->joined()->lane_of(*on.current)->wants_fresh_carrier(p.now);
-    if (on.fresh != nullptr && on.current != nullptr && !silent) {
-        // The old subflow answers again.
-        abandon(std::exchange(on.fresh, nullptr), close_code::subflow_only, p);
-    }
-    on.wanting = on.current == nullptr || (silent && on.fresh == nullptr);
-    if (!on.wanting || p.now < on.next_try) {
-        return;
-    }
-    on.wanting = false;
-    auto made = open(on, p);
-    if (made == nullptr) {
-        failed(on, p);
-    } else if (on.current == nullptr) {
-        on.current = std::move(made);
-    } else {
-        on.fresh = std::move(made);
-    }
-}
-
-void client::failed(path& on, const pass& p) {
-    on.wanting = true;
-    on.pause = longer(on.pause);
-    on.next_try = p.now + on.pause;
 }
 
 // Closes a carrier and forgets it.
@@ -225,7 +108,28 @@ void client::abandon(const std::shared_ptr<lane>& of, close_code code, const pas
     }
     keep->close(code, p);
     keep->watcher.reset();
+    const bool was_joined = keep->joined() != nullptr;
     drop(*keep, p);
+    if (was_joined && connection_ != nullptr) {
+        gone_lanes_.push_back(keep->number);
+        tell_gone();
+    }
+}
+
+// The server would send on over a lost lane until it has been silent for long enough: it is told over another one, or
+// over the next that joins.
+void client::tell_gone() {
+    for (const auto& [of, owned] : carriers()) {
+        lane& by = static_cast<lane&>(*of);
+        const core::lane* answers = by.joined() == nullptr ? nullptr : by.joined()->lane_of(by);
+        if (answers == nullptr || answers->suspect() || by.flow().ended()) {
+            continue;
+        }
+        for (const uint32_t number : std::exchange(gone_lanes_, {})) {
+            by.flow().send(control::gone{number});
+        }
+        return;
+    }
 }
 
 // --- handshakes ---
@@ -234,6 +138,7 @@ void client::advance(const std::shared_ptr<carrier>& of, const pass& p) {
     const auto from = std::static_pointer_cast<lane>(of);
     if (from->at == lane::stage::handshake && from->flow().handshake_completed()) {
         from->at = lane::stage::waiting;
+        from->give_up = core::never;
     }
     while (!from->flow().ended()) {
         const auto message = from->flow().next_message();
@@ -273,12 +178,13 @@ void client::advance_own(const pass& p) {
     for (path& each : paths_) {
         for (const auto& of : {each.current, each.fresh}) {
             if (of != nullptr && p.now >= of->give_up) {
-                failed(each, p);
+                failed(each, true, p);
                 abandon(of, close_code::subflow_only, p);
             } else if (of != nullptr && connection_ != nullptr && of->at == lane::stage::waiting) {
                 join(*of, p);
             }
         }
+        restart_unheard(each, p);
         open_where_wanted(each, p);
         if (env_.dead) {
             return;
@@ -298,9 +204,12 @@ void client::greet(const pass& p) {
         greeter_->at = lane::stage::greeting;
         greeter_->give_up = p.now + answer_time;
         greeter_->flow().send(control::hello{
-            each.text.substr(0, each.text.find(';')),
+            each.spec.name,
             {static_cast<uint32_t>(env_.own.streams), env_.own.stream_window, env_.own.connection_window},
-            static_cast<uint32_t>(target_.linger.count())});
+            static_cast<uint32_t>(target_.linger.count()),
+            greeter_->number,
+            greeter_->backup,
+            target_.schedule});
         touch(*greeter_);
         return;
     }
@@ -311,8 +220,8 @@ void client::on_welcome(lane& of, const control::welcome& welcome, const pass& p
     peer.streams = std::min<uint64_t>(welcome.limits.streams, 1 << 20);
     peer.stream_window = std::min<uint64_t>(welcome.limits.stream_window, core::wire::varint_max / 2);
     peer.connection_window = std::min<uint64_t>(welcome.limits.connection_window, core::wire::varint_max / 2);
-    const connection::setup how{core::role::client, welcome.id,      welcome.join_secret, env_.own, peer,
-                                target_.linger,     of.flow().alpn()};
+    const connection::setup how{core::role::client, welcome.id,       welcome.join_secret,          env_.own, peer,
+                                target_.linger,     of.flow().alpn(), schedule_of(target_.schedule)};
     connection_ = &establish(std::make_unique<connection>(how, env_.commands, p.now));
     connection_->set_path_wishes([this] { return wishes(); });
     connected_at_ = p.now;
@@ -320,9 +229,10 @@ void client::on_welcome(lane& of, const control::welcome& welcome, const pass& p
     of.at = lane::stage::joined;
     of.give_up = core::never;
     of.flow().send(control::ready{});
-    connection_->add(of, true, p.now);
+    connection_->add(of, true, of.backup, p.now);
     if (path* on = path_of(of)) {
         on->pause = milliseconds(0);
+        on->tries = 0;
     }
 }
 
@@ -334,8 +244,8 @@ void client::join(lane& of, const pass& p) {
     }
     of.at = lane::stage::joining;
     of.give_up = p.now + answer_time;
-    of.flow().send(control::join{of.path().substr(0, of.path().find(';')), connection_->id(),
-                                 join_proof(connection_->join_secret(), binding)});
+    of.flow().send(control::join{of.path(), connection_->id(), join_proof(connection_->join_secret(), binding),
+                                 of.number, of.backup});
     touch(of);
 }
 
@@ -343,13 +253,15 @@ void client::on_joined(lane& of, const pass& p) {
     of.at = lane::stage::joined;
     of.give_up = core::never;
     of.flow().send(control::ready{});
-    connection_->add(of, true, p.now);
+    connection_->add(of, true, of.backup, p.now);
+    tell_gone();
     touch(*connection_);
     path* on = path_of(of);
     if (on == nullptr) {
         return;
     }
     on->pause = milliseconds(0);
+    on->tries = 0;
     if (on->fresh.get() == &of) {
         const auto old = std::exchange(on->current, std::exchange(on->fresh, nullptr));
         if (old != nullptr) {
@@ -377,14 +289,13 @@ void client::on_end(lane& of, const pass& p) {
     }
     if (path* on = path_of(of)) {
         if (!was_joined) {
-            failed(*on, p);
+            failed(*on, false, p);
         } else {
             on->next_try = p.now;
             on->wanting = true;
         }
-        if (env_.app.path_broken != nullptr && !ending.by_peer) {
-            const int fd = keep->release_socket();
-            env_.app.path_broken(env_.app.instance, on->text.c_str(), fd);
+        if (!ending.by_peer) {
+            give_back(*on, *keep);
         }
     }
     if (env_.dead) {
@@ -408,19 +319,6 @@ bool client::is_last(const lane& of) const {
     });
 }
 
-// What each path is while no subflow of its own has joined: on its way, not tried yet, or waiting for its next try.
-std::vector<path_book::wish> client::wishes() const {
-    std::vector<path_book::wish> all;
-    for (const path& each : paths_) {
-        const bool opening = each.current != nullptr || each.fresh != nullptr;
-        const bool untried = each.pause == milliseconds(0);
-        all.push_back({each.text.substr(0, each.text.find(';')), opening   ? TNDM_PATH_CONNECTING
-                                                                 : untried ? TNDM_PATH_IDLE
-                                                                           : TNDM_PATH_DEAD});
-    }
-    return all;
-}
-
 void client::tell_problem(int problem, const std::string& text) {
     if (env_.app.on_problem != nullptr && !env_.dead) {
         env_.app.on_problem(env_.app.instance, problem, text.c_str());
@@ -433,8 +331,9 @@ void client::retire(connection& over, close_code code, const pass& p) {
         return;
     }
     connection_ = nullptr;
+    gone_lanes_.clear();
     greeter_.reset();
-    rest_ = p.now - connected_at_ >= good_life ? first_pause : longer(rest_);
+    rest_ = p.now - connected_at_ >= good_life ? first_pause : longer_pause(rest_);
     rest_until_ = p.now + rest_;
     server_ = endpoint();
     for (path& each : paths_) {
@@ -458,9 +357,8 @@ core::instant client::own_deadline() const {
         for (const auto& of : {each.current, each.fresh}) {
             next = of == nullptr ? next : std::min(next, of->give_up);
         }
-        if (each.wanting) {
-            next = std::min(next, std::max(each.next_try, connection_ == nullptr ? rest_until_ : each.next_try));
-        }
+        const core::instant try_at = std::min(each.restart_at, each.wanting ? each.next_try : core::never);
+        next = std::min(next, std::max(try_at, connection_ == nullptr ? rest_until_ : try_at));
     }
     return next;
 }
@@ -472,6 +370,7 @@ void client::close_all(const pass& p) {
 }
 
 void client::stop_watching() {
+    network_.reset();
     for (const auto& [of, owned] : carriers()) {
         static_cast<lane&>(*of).watcher.reset();
     }

@@ -14,6 +14,9 @@
 #include <vector>
 
 #include "platform/tndm/endpoint/engine.h"
+#include "platform/tndm/endpoint/link_table.h"
+#include "platform/tndm/endpoint/network_watch.h"
+#include "platform/tndm/endpoint/path_spec.h"
 #include "platform/tndm/endpoint/resolver.h"
 #include "platform/tndm/quic/credentials.h"
 
@@ -27,6 +30,7 @@ class client : public engine {
         std::string alpn;
         std::chrono::seconds linger{10};
         std::shared_ptr<const client_credentials> credentials;
+        control::policy schedule = control::policy::sooner_first;
     };
     client(const environment& env, target to);
     ~client() override;
@@ -46,29 +50,47 @@ class client : public engine {
     class lane;
     // One path that the application wants.
     struct path {
-        std::string text;  // as the application named it
+        path_spec spec;
         std::shared_ptr<lane> current;
         std::shared_ptr<lane> fresh;  // opened beside a current one that has gone silent
         std::chrono::milliseconds pause{0};
         core::instant next_try{};
         bool wanting = false;  // would open a subflow, were it not for `next_try`
+        // What the last subflow that joined has measured; zero before.
+        core::duration shortest_rtt{0};
+        core::duration usual_rtt{0};
+        unsigned tries = 0;                      // in vain since then
+        core::instant restart_at = core::never;  // an unheard handshake begins again
+        core::instant restarted_at{};
     };
 
     void readable(const std::shared_ptr<lane>& from);
     int receive(lane& from, const pass& p);
+
+    // client_paths.cpp
     void add_path(const std::string& text, const pass& p);
-    void remove_path(const std::string& text, const pass& p);
+    void remove_path(const std::string& name, const pass& p);
     std::shared_ptr<lane> open(path& on, const pass& p);
     void open_where_wanted(path& on, const pass& p);
-    void failed(path& on, const pass& p);
+    core::duration patience_for(const path& on) const;
+    static std::chrono::milliseconds longer_pause(std::chrono::milliseconds pause);
+    void failed(path& on, bool unanswered, const pass& p);
+    void restart_unheard(path& on, const pass& p);
+    void watch_network();
+    void read_network(const pass& p);
+    void on_change(const link_table::change& change, const pass& p);
+    void lose_lanes(path& on, link_table::ipv4 bound_to, const pass& p);
+    void give_back(path& on, lane& of);
     void on_welcome(lane& of, const control::welcome& welcome, const pass& p);
     void on_joined(lane& of, const pass& p);
     void on_end(lane& of, const pass& p);
     void greet(const pass& p);
     void join(lane& of, const pass& p);
     void abandon(const std::shared_ptr<lane>& of, close_code code, const pass& p);
+    void tell_gone();
     void tell_problem(int problem, const std::string& text);
     path* path_of(const lane& of);
+    path* path_named(const std::string& name);
     bool is_last(const lane& of) const;
     std::vector<path_book::wish> wishes() const;
 
@@ -76,6 +98,11 @@ class client : public engine {
     resolver resolver_;
     endpoint server_;  // empty while its name is looked up
     std::vector<path> paths_;
+    link_table links_;
+    std::unique_ptr<network_watch> network_;
+    bool network_tried_ = false;
+    uint32_t next_lane_ = 1;
+    std::vector<uint32_t> gone_lanes_;  // which the server must be told of
     connection* connection_ = nullptr;
     std::shared_ptr<lane> greeter_;
     core::instant connected_at_{};

@@ -27,7 +27,9 @@ connection::connection(const setup& how, std::shared_ptr<mailbox> commands, core
       ledger_(std::make_shared<ledger>(how.role, how.alpn, std::array{how.peer.streams, how.peer.streams},
                                        std::move(commands))),
       handle_(registry<ledger>::of_process().add(ledger_)),
-      orphan_since_(now) {}
+      orphan_since_(now) {
+    bundle_.set_schedule(how.schedule);
+}
 
 connection::~connection() {
     for (carrier* lane : carriers_) {
@@ -40,8 +42,8 @@ connection::~connection() {
 
 // --- lanes ---
 
-void connection::add(carrier& lane, bool may_send, core::instant now) {
-    lane.flow().attach(bundle_, bundle_.add_lane(now), may_send);
+void connection::add(carrier& lane, bool may_send, bool backup, core::instant now) {
+    lane.flow().attach(bundle_, bundle_.add_lane(now, backup), may_send);
     lane.set_joined(this);
     carriers_.push_back(&lane);
     paths_.joined(lane.name());

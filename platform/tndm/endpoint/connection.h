@@ -46,6 +46,7 @@ class connection {
         core::limits peer;
         std::chrono::seconds linger;  // how long it outlives its last working lane
         std::string alpn;
+        const core::schedule& schedule = core::sooner_first();
     };
     connection(const setup& how, std::shared_ptr<mailbox> commands, core::instant now);
     ~connection();
@@ -58,8 +59,8 @@ class connection {
     const core::bundle& bundle() const { return bundle_; }
 
     // --- lanes ---
-    // `may_send` as in subflow::attach.
-    void add(carrier& lane, bool may_send, core::instant now);
+    // `may_send` as in subflow::attach; a `backup` carries only while no other lane works.
+    void add(carrier& lane, bool may_send, bool backup, core::instant now);
     void remove(carrier& lane, core::instant now);
     const std::vector<carrier*>& carriers() const { return carriers_; }
     const core::lane* lane_of(const carrier& of) const { return bundle_.find_lane(of.flow().lane()); }

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "platform/tndm/endpoint/client.h"
+#include "platform/tndm/endpoint/path_spec.h"
 #include "platform/tndm/endpoint/server.h"
 
 namespace tndm {
@@ -131,6 +132,7 @@ int instance::start_client(const std::string& host, uint16_t port, const st_tndm
             return -1;
         }
         started_ = client_ = true;
+        to.schedule = schedule_;
     }
     const loop_guard guard(loop_);
     app_.on_established = record.on_established;
@@ -180,11 +182,22 @@ void instance::start(std::unique_ptr<engine> made) {
 
 // --- asked from any thread ---
 
+// One name is one path: the same name with other options is refused until the first is removed.
 int instance::add_path(const std::string& text) {
+    std::string error;
+    const auto path = path_spec::parse(text, error);
+    if (!path) {
+        complain(error);
+        return -1;
+    }
     {
         const std::lock_guard lock(mutex_);
         const bool is_server = started_ && !client_;
-        if (destroyed_ || is_server || text.empty() || text.size() > control::max_name || !paths_.insert(text).second) {
+        if (destroyed_ || is_server) {
+            return -1;
+        }
+        if (!paths_.emplace(path->name, text).second) {
+            complain("the path \"" + path->name + "\" is there already; remove it first to change its options");
             return -1;
         }
     }
@@ -192,13 +205,25 @@ int instance::add_path(const std::string& text) {
 }
 
 int instance::remove_path(const std::string& text) {
+    const std::string name = path_spec::name_of(text);
     {
         const std::lock_guard lock(mutex_);
-        if (destroyed_ || paths_.erase(text) == 0) {
+        const auto found = paths_.find(name);
+        if (destroyed_ || found == paths_.end() || (text != name && text != found->second)) {
             return -1;
         }
+        paths_.erase(found);
     }
-    return commands_->post({.what = command::kind::remove_path, .text = text}) ? 0 : -1;
+    return commands_->post({.what = command::kind::remove_path, .text = name}) ? 0 : -1;
+}
+
+int instance::set_schedule(const std::string& name) {
+    const std::lock_guard lock(mutex_);
+    if (started_ || destroyed_ || (name != "default" && name != "redundant")) {
+        return -1;
+    }
+    schedule_ = name == "redundant" ? control::policy::redundant : control::policy::sooner_first;
+    return 0;
 }
 
 int instance::set_writable_callback(tndm_writable_cb callback) {

@@ -9,9 +9,9 @@
 #ifndef TANDEM_PLATFORM_TNDM_ENDPOINT_INSTANCE_H
 #define TANDEM_PLATFORM_TNDM_ENDPOINT_INSTANCE_H
 
+#include <map>
 #include <memory>
 #include <mutex>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -37,6 +37,8 @@ class instance : public driver, public std::enable_shared_from_this<instance> {
     int start_server(int socket, const st_tndm_server_t& record);
     int add_path(const std::string& text);
     int remove_path(const std::string& text);
+    // "default" or "redundant", before the start; -1 for anything else, and later.
+    int set_schedule(const std::string& name);
     int set_writable_callback(tndm_writable_cb callback);
     int set_problem_callback(tndm_problem_cb callback);
     bool in_loop_thread() const { return loop_->ops->in_loop_thread(loop_) != 0; }
@@ -79,7 +81,8 @@ class instance : public driver, public std::enable_shared_from_this<instance> {
     bool started_ = false;
     bool client_ = false;
     bool destroyed_ = false;
-    std::set<std::string> paths_;
+    std::map<std::string, std::string> paths_;  // name -> text
+    control::policy schedule_ = control::policy::sooner_first;
 };
 
 }  // namespace tndm

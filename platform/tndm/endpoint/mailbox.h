@@ -21,7 +21,7 @@ struct command {
         close_connection,  // `connection`
         keep_alive,        // `connection`, every `number` milliseconds
         add_path,          // `text`
-        remove_path,       // `text`
+        remove_path,       // `text`: its name
         resolved,          // the server's name has been looked up
     };
     kind what;

@@ -20,6 +20,9 @@ constexpr size_t max_connections = 8192;  // those without a working lane includ
 constexpr size_t max_lanes_of_a_bundle = 32;
 // A client that has not joined a bundle by then will not.
 constexpr auto patience = std::chrono::seconds(10);
+// One that has joined and does not say that it is ready has lost the path meanwhile: nothing may be sent on the lane,
+// so nothing else would show it.
+constexpr auto ready_time = std::chrono::seconds(5);
 constexpr ngtcp2_duration token_lifetime = 10 * NGTCP2_SECONDS;
 // Batches of datagrams that are read before the loop gets its turn.
 constexpr int batches_at_once = 4;
@@ -70,8 +73,9 @@ class server::lane final : public carrier, public id_registrar {
     }
 
     ngtcp2_cid first_id{};  // what the client calls us until it has heard of our own id
-    bool counted = true;    // stands in `handshakes_` and `impatience_`
-    core::instant give_up{};
+    bool counted = true;    // stands in `handshakes_`
+    core::instant give_up = core::never;
+    uint32_t number = 0;  // which the client has given it
 
   private:
     server& owner_;
@@ -173,10 +177,9 @@ void server::accept(const received_datagram& datagram, const endpoint& local, co
     }
     made->first_id = head.dcid;
     made->add_id(head.dcid);
-    made->give_up = p.now + patience;
     ++handshakes_;
-    impatience_.emplace(made->give_up, made.get());
     lane& to = *made;
+    wait_for(to, p.now + patience);
     track(std::move(made));
     to.flow().read(datagram.data, local, datagram.remote, datagram.ecn, p.now);
 }
@@ -281,6 +284,9 @@ void server::advance(const std::shared_ptr<carrier>& of, const pass& p) {
         from.remove_id(from.first_id);
         from.first_id.datalen = 0;
     }
+    if (!from.counted && from.give_up != core::never && from.flow().may_send()) {
+        wait_for(from, core::never);
+    }
     while (!from.flow().ended()) {
         const auto message = from.flow().next_message();
         if (!message) {
@@ -291,6 +297,9 @@ void server::advance(const std::shared_ptr<carrier>& of, const pass& p) {
         } else if (const auto* join = std::get_if<control::join>(&*message);
                    join != nullptr && from.joined() == nullptr) {
             on_join(from, *join, p);
+        } else if (const auto* gone = std::get_if<control::gone>(&*message);
+                   gone != nullptr && from.joined() != nullptr) {
+            on_gone(from, *gone, p);
         } else {
             if (from.joined() != nullptr) {
                 from.joined()->end(close_code::violation);
@@ -338,14 +347,16 @@ void server::on_hello(lane& of, const control::hello& hello, const pass& p) {
                           sane(hello.limits),
                           std::clamp<std::chrono::seconds>(std::chrono::seconds(hello.linger_seconds),
                                                            std::chrono::seconds(1), longest_linger),
-                          of.flow().alpn()};
+                          of.flow().alpn(),
+                          hello.schedule == control::policy::redundant ? core::redundant() : core::sooner_first()};
     random_nonce(how.id);
     random_bytes(how.join_secret.span());
     connection& made = establish(std::make_unique<connection>(how, env_.commands, p.now));
     bundles_.emplace(made.id(), &made);
     of.set_path(hello.path);
-    made.add(of, false, p.now);
-    settle(of);
+    of.number = hello.lane;
+    made.add(of, false, hello.backup, p.now);
+    settle(of, p);
     of.flow().send(control::welcome{
         how.id,
         how.join_secret,
@@ -363,9 +374,10 @@ void server::on_join(lane& of, const control::join& join, const pass& p) {
         return;
     }
     of.set_path(join.path);
+    of.number = join.lane;
     replace_dark_lane(*found->second, join.path, p);
-    found->second->add(of, false, p.now);
-    settle(of);
+    found->second->add(of, false, join.backup, p.now);
+    settle(of, p);
     of.flow().send(control::joined{});
     touch(*found->second);
 }
@@ -382,17 +394,38 @@ void server::replace_dark_lane(connection& of, const std::string& path, const pa
     }
 }
 
-// The carrier has found its bundle: it is no handshake any more.
-void server::settle(lane& of) {
-    if (of.counted) {
-        of.counted = false;
-        --handshakes_;
-        impatience_.erase({of.give_up, &of});
+// The client has lost that one of its lanes, and says so over another.
+void server::on_gone(lane& by, const control::gone& gone, const pass& p) {
+    connection& of = *by.joined();
+    const auto found = std::find_if(of.carriers().begin(), of.carriers().end(), [&](carrier* each) {
+        return each != &by && static_cast<lane&>(*each).number == gone.lane;
+    });
+    if (found != of.carriers().end()) {
+        end(static_cast<lane&>(**found), close_code::subflow_only, p);
     }
 }
 
+void server::wait_for(lane& of, core::instant until) {
+    impatience_.erase({of.give_up, &of});
+    of.give_up = until;
+    if (until != core::never) {
+        impatience_.emplace(until, &of);
+    }
+}
+
+// The carrier has found its bundle: it is no handshake any more.
+void server::settle(lane& of, const pass& p) {
+    if (std::exchange(of.counted, false)) {
+        --handshakes_;
+    }
+    wait_for(of, p.now + ready_time);
+}
+
 void server::end(lane& of, close_code code, const pass& p) {
-    settle(of);
+    if (std::exchange(of.counted, false)) {
+        --handshakes_;
+    }
+    wait_for(of, core::never);
     of.close(code, p);
     drop(of, p);
 }

@@ -48,9 +48,11 @@ class server : public engine {
     void answer(const endpoint& local, const endpoint& remote, std::span<const uint8_t> datagram);
     bool give_up_orphan();
     void on_hello(lane& of, const control::hello& hello, const pass& p);
+    void on_gone(lane& by, const control::gone& gone, const pass& p);
     void on_join(lane& of, const control::join& join, const pass& p);
     void replace_dark_lane(connection& of, const std::string& path, const pass& p);
-    void settle(lane& of);
+    void wait_for(lane& of, core::instant until);
+    void settle(lane& of, const pass& p);
     void end(lane& of, close_code code, const pass& p);
 
     int socket_;
@@ -62,7 +64,7 @@ class server : public engine {
     std::unordered_map<std::string, lane*> ids_;  // connection id bytes -> carrier
     std::map<control::bundle_id, connection*> bundles_;
     size_t handshakes_ = 0;                                 // carriers that have not joined a bundle yet
-    std::set<std::pair<core::instant, lane*>> impatience_;  // when those are given up
+    std::set<std::pair<core::instant, lane*>> impatience_;  // when those, and lanes not ready yet, are given up
     // Stateless resets are rationed, or two hosts could make us answer each other for ever.
     core::instant reset_window_{};
     unsigned resets_in_window_ = 0;

@@ -7,7 +7,7 @@ namespace tndm::control {
 
 namespace {
 
-enum type : uint8_t { type_hello = 1, type_welcome, type_join, type_joined, type_ready };
+enum type : uint8_t { type_hello = 1, type_welcome, type_join, type_joined, type_ready, type_gone };
 
 class writer {
   public:
@@ -75,6 +75,12 @@ class reader {
         }
         return {taken.begin(), taken.end()};
     }
+    // One of the values from 0 to `highest`.
+    uint8_t choice(uint8_t highest) {
+        const auto value = number<uint8_t>();
+        failed_ = failed_ || value > highest;
+        return value;
+    }
     granted limits() {
         granted value;
         value.streams = number<uint32_t>();
@@ -95,6 +101,9 @@ std::vector<uint8_t> write(const hello& value) {
     out.name(value.path);
     out.limits(value.limits);
     out.number(value.linger_seconds);
+    out.number(value.lane);
+    out.number(static_cast<uint8_t>(value.backup));
+    out.number(static_cast<uint8_t>(value.schedule));
     return out.finish();
 }
 
@@ -112,6 +121,8 @@ std::vector<uint8_t> write(const join& value) {
     out.name(value.path);
     out.raw(value.id);
     out.raw(value.proof);
+    out.number(value.lane);
+    out.number(static_cast<uint8_t>(value.backup));
     return out.finish();
 }
 
@@ -121,6 +132,12 @@ std::vector<uint8_t> write(const joined&) {
 
 std::vector<uint8_t> write(const ready&) {
     return writer(type_ready).finish();
+}
+
+std::vector<uint8_t> write(const gone& value) {
+    writer out(type_gone);
+    out.number(value.lane);
+    return out.finish();
 }
 
 std::optional<message> read(std::span<const uint8_t> bytes) {
@@ -135,6 +152,9 @@ std::optional<message> read(std::span<const uint8_t> bytes) {
             value.path = in.name();
             value.limits = in.limits();
             value.linger_seconds = in.number<uint32_t>();
+            value.lane = in.number<uint32_t>();
+            value.backup = in.choice(1) != 0;
+            value.schedule = static_cast<policy>(in.choice(1));
             made = value;
             break;
         }
@@ -154,6 +174,8 @@ std::optional<message> read(std::span<const uint8_t> bytes) {
             value.path = in.name();
             in.fill(std::span(value.id));
             in.fill(std::span(value.proof));
+            value.lane = in.number<uint32_t>();
+            value.backup = in.choice(1) != 0;
             made = value;
             break;
         }
@@ -162,6 +184,9 @@ std::optional<message> read(std::span<const uint8_t> bytes) {
             break;
         case type_ready:
             made = ready{};
+            break;
+        case type_gone:
+            made = gone{in.number<uint32_t>()};
             break;
         default:
             return std::nullopt;

@@ -18,7 +18,7 @@ constexpr ngtcp2_duration idle_timeout = 30 * NGTCP2_SECONDS;
 // The peer opens none of them: the credit only exists to be raised, which makes a packet worth probing for (see
 // raise_anchor). From here on its number always takes four bytes.
 constexpr uint64_t first_uni_streams = 1 << 14;
-// All messages of the control stream together.
+// Bytes of the control stream that may be under way.
 constexpr uint64_t control_window = 4096;
 // Larger than what any path carries, so the probes of path MTU discovery (up to 1444 bytes) all fit.
 constexpr size_t largest_payload = 1452;
@@ -61,6 +61,7 @@ ngtcp2_settings subflow::library_settings(core::instant now) const {
     ngtcp2_settings made;
     ngtcp2_settings_default(&made);
     made.cc_algo = settings_.congestion;
+    made.initial_rtt = static_cast<ngtcp2_duration>(settings_.first_rtt.count());
     made.initial_ts = static_cast<ngtcp2_tstamp>(now.time_since_epoch().count());
     made.max_tx_udp_payload_size = largest_payload;
     made.handshake_timeout = handshake_timeout;
@@ -149,6 +150,7 @@ void subflow::read(std::span<const uint8_t> datagram, const endpoint& local, con
     now_ = now;
     ++counters_.packets_received;
     counters_.bytes_received += datagram.size();
+    stream_blocked_ = false;
     const ngtcp2_path path = path_of(local, remote);
     const ngtcp2_pkt_info info{ecn};
     const int result = ngtcp2_conn_read_pkt(connection_, &path, &info, datagram.data(), datagram.size(),

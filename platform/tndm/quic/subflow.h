@@ -38,6 +38,7 @@ struct subflow_settings {
     ngtcp2_cc_algo congestion = NGTCP2_CC_ALGO_BBR2;
     size_t first_payload = 1400;  // the largest UDP payload before path MTU discovery has found a larger one
     bool trace = false;
+    core::duration first_rtt = std::chrono::milliseconds(333);  // before there is a sample: how soon to repeat
 };
 
 // How the owner hears of connection ids that the peer may address (a server finds subflows by them).
@@ -118,6 +119,8 @@ class subflow {
     const endpoint& local() const { return local_; }
     core::lane_id lane() const { return lane_; }
     bool attached() const { return bundle_ != nullptr; }
+    // The peer knows what our datagrams belong to.
+    bool may_send() const { return may_send_; }
 
     struct counters {
         uint64_t packets_sent = 0, packets_received = 0, bytes_sent = 0, bytes_received = 0;
@@ -145,6 +148,7 @@ class subflow {
     static int on_handshake_completed(ngtcp2_conn*, void* user);
     static int on_stream_data(ngtcp2_conn*, uint32_t flags, int64_t stream, uint64_t offset, const uint8_t* data,
                               size_t size, void* user, void*);
+    static int on_stream_acknowledged(ngtcp2_conn*, int64_t stream, uint64_t offset, uint64_t size, void* user, void*);
     static int on_stream_open(ngtcp2_conn*, int64_t stream, void* user);
     static int on_datagram(ngtcp2_conn*, uint32_t flags, const uint8_t* data, size_t size, void* user);
     static int on_datagram_acknowledged(ngtcp2_conn*, uint64_t id, void* user);
@@ -188,11 +192,13 @@ class subflow {
     int fatal_ = 0;  // what must be told to the peer with a CONNECTION_CLOSE
     counters counters_;
 
-    // The control stream. What was sent stays here until the connection goes: the library refers to it.
+    // The control stream. What was sent stays here until it is acknowledged: the library refers to it.
     int64_t stream_ = -1;
     std::deque<std::vector<uint8_t>> stream_out_;
-    size_t stream_next_ = 0;    // the first message not wholly given to the library
-    size_t stream_offset_ = 0;  // within that message
+    uint64_t stream_acknowledged_ = 0;  // bytes of the first message
+    bool stream_blocked_ = false;       // the peer must let us send more first; looked at again after each datagram
+    size_t stream_next_ = 0;            // the first message not wholly given to the library
+    size_t stream_offset_ = 0;          // within that message
     control::decoder stream_in_;
 
     // The lane.

@@ -37,6 +37,7 @@ ngtcp2_callbacks subflow::callbacks(bool server) {
     calls.version_negotiation = ngtcp2_crypto_version_negotiation_cb;
     calls.handshake_completed = on_handshake_completed;
     calls.recv_stream_data = on_stream_data;
+    calls.acked_stream_data_offset = on_stream_acknowledged;
     calls.stream_open = on_stream_open;
     calls.recv_datagram = on_datagram;
     calls.ack_datagram = on_datagram_acknowledged;
@@ -71,11 +72,24 @@ int subflow::on_stream_open(ngtcp2_conn*, int64_t stream, void* user) {
     return 0;
 }
 
-int subflow::on_stream_data(ngtcp2_conn*, uint32_t, int64_t stream, uint64_t, const uint8_t* data, size_t size,
-                            void* user, void*) {
+int subflow::on_stream_data(ngtcp2_conn* connection, uint32_t, int64_t stream, uint64_t, const uint8_t* data,
+                            size_t size, void* user, void*) {
     subflow& self = of(user);
     if (stream != self.stream_ || !self.stream_in_.push({data, size})) {
         return NGTCP2_ERR_CALLBACK_FAILURE;
+    }
+    ngtcp2_conn_extend_max_stream_offset(connection, stream, size);
+    ngtcp2_conn_extend_max_offset(connection, size);
+    return 0;
+}
+
+int subflow::on_stream_acknowledged(ngtcp2_conn*, int64_t, uint64_t, uint64_t size, void* user, void*) {
+    subflow& self = of(user);
+    self.stream_acknowledged_ += size;
+    while (self.stream_next_ > 0 && self.stream_acknowledged_ >= self.stream_out_.front().size()) {
+        self.stream_acknowledged_ -= self.stream_out_.front().size();
+        self.stream_out_.pop_front();
+        --self.stream_next_;
     }
     return 0;
 }

@@ -105,8 +105,11 @@ bool subflow::write_batch(core::instant now, std::span<uint8_t> buffer, const ba
 }
 
 subflow::written subflow::write_packet(core::instant now, std::span<uint8_t> out, bool last_of_batch) {
-    if (handshake_completed_ && stream_ != -1 && stream_next_ < stream_out_.size()) {
-        return write_control_stream(now, out);
+    if (handshake_completed_ && stream_ != -1 && stream_next_ < stream_out_.size() && !stream_blocked_) {
+        const written packet = write_control_stream(now, out);
+        if (!stream_blocked_) {
+            return packet;
+        }
     }
     if (bundle_ == nullptr || !may_send_) {
         if (bundle_ != nullptr) {
@@ -182,7 +185,11 @@ subflow::written subflow::write_control_stream(core::instant now, std::span<uint
     const ngtcp2_ssize result =
         ngtcp2_conn_writev_stream(connection_, &out_path_.path, &info, out.data(), out.size(), &taken,
                                   NGTCP2_WRITE_STREAM_FLAG_NONE, stream_, &rest, 1, stamp(now));
-    if (result == NGTCP2_ERR_STREAM_DATA_BLOCKED || result == NGTCP2_ERR_STREAM_SHUT_WR) {
+    if (result == NGTCP2_ERR_STREAM_DATA_BLOCKED) {
+        stream_blocked_ = true;
+        return {write_result::nothing};
+    }
+    if (result == NGTCP2_ERR_STREAM_SHUT_WR) {
         fail(NGTCP2_ERR_PROTO);
         return {write_result::failed};
     }

@@ -1,0 +1,264 @@
+// The client's paths: what is opened on them, when, and what the kernel tells about them.
+#include <algorithm>
+#include <utility>
+
+#include "platform/tndm/endpoint/client_lane.h"
+#include "platform/tndm/udp/socket.h"
+
+namespace tndm {
+
+namespace {
+
+using std::chrono::milliseconds;
+
+// On a path whose round trip is known a handshake repeats its first packet after about 150, 450 and 1050 ms and is
+// given up soon, so that the light finds one under way; so often in a row, then ever more rarely. Its round trip may
+// have grown meanwhile, so patience doubles now and then.
+constexpr core::duration shortest_patience = milliseconds(900);
+constexpr core::duration longest_patience = std::chrono::seconds(8);
+constexpr core::duration shortest_first_rtt = milliseconds(50);
+constexpr core::duration longest_first_rtt = milliseconds(333);
+constexpr unsigned quick_tries = 16;
+constexpr milliseconds quick_pause{50};
+// Pauses between other tries double from one to the other.
+constexpr milliseconds first_pause{200};
+constexpr milliseconds longest_pause{5000};
+// Routes may come by the thousand; a handshake begins again for their sake only so often.
+constexpr milliseconds between_restarts{100};
+
+}  // namespace
+
+milliseconds client::longer_pause(milliseconds pause) {
+    return std::clamp(2 * pause, first_pause, longest_pause);
+}
+
+void client::add_path(const std::string& text, const pass& p) {
+    std::string error;
+    auto spec = path_spec::parse(text, error);
+    if (!spec) {
+        return;  // the instance has looked at it before
+    }
+    watch_network();
+    links_.watch(spec->name);
+    path added;
+    added.spec = std::move(*spec);
+    added.next_try = p.now;
+    added.wanting = true;
+    paths_.push_back(std::move(added));
+}
+
+void client::remove_path(const std::string& name, const pass& p) {
+    const auto found =
+        std::find_if(paths_.begin(), paths_.end(), [&](const path& each) { return each.spec.name == name; });
+    if (found == paths_.end()) {
+        return;
+    }
+    links_.forget(name);
+    const path gone = std::move(*found);
+    paths_.erase(found);
+    for (const auto& of : {gone.current, gone.fresh}) {
+        if (of != nullptr) {
+            abandon(of, close_code::subflow_only, p);
+        }
+    }
+}
+
+client::path* client::path_of(const lane& of) {
+    const auto found = std::find_if(paths_.begin(), paths_.end(), [&](const path& each) {
+        return each.current.get() == &of || each.fresh.get() == &of;
+    });
+    return found == paths_.end() ? nullptr : &*found;
+}
+
+client::path* client::path_named(const std::string& name) {
+    const auto found =
+        std::find_if(paths_.begin(), paths_.end(), [&](const path& each) { return each.spec.name == name; });
+    return found == paths_.end() ? nullptr : &*found;
+}
+
+// What each path is while no subflow of its own has joined: on its way, not tried yet, or waiting for its next try.
+std::vector<path_book::wish> client::wishes() const {
+    std::vector<path_book::wish> all;
+    for (const path& each : paths_) {
+        const bool opening = each.current != nullptr || each.fresh != nullptr;
+        const bool untried = each.pause == milliseconds(0) && links_.of(each.spec.name) != presence::gone;
+        all.push_back({each.spec.name, opening ? TNDM_PATH_CONNECTING : untried ? TNDM_PATH_IDLE : TNDM_PATH_DEAD});
+    }
+    return all;
+}
+
+// --- opening ---
+
+core::duration client::patience_for(const path& on) const {
+    const core::duration usual =
+        std::max(shortest_patience, 4 * on.usual_rtt) * (1 << std::min(on.tries / quick_tries, 4U));
+    return std::min(usual, longest_patience);
+}
+
+std::shared_ptr<client::lane> client::open(path& on, const pass& p) {
+    const int fd = env_.app.create_path != nullptr ? env_.app.create_path(env_.app.instance, on.spec.text.c_str()) : -1;
+    if (env_.dead || fd <= 0) {
+        if (fd > 0) {
+            ::close(fd);
+        }
+        return nullptr;
+    }
+    auto made = std::make_shared<lane>(on.spec, fd, next_lane_++);
+    std::string error;
+    auto tls = tls_session::create_client(target_.credentials, target_.alpn, error);
+    if (tls == nullptr) {
+        tell_problem(TNDM_PROBLEM_CERTIFICATE, error);
+        return nullptr;
+    }
+    subflow_settings settings = env_.quic;
+    if (on.shortest_rtt > core::duration::zero()) {
+        settings.first_rtt = std::clamp(on.shortest_rtt, shortest_first_rtt, longest_first_rtt);
+        made->give_up = p.now + patience_for(on);
+    }
+    made->set_flow(subflow::create_client(settings, std::move(tls), local_endpoint(fd), server_, p.now));
+    if (!made->has_flow()) {
+        return nullptr;
+    }
+    made->watcher = std::make_unique<io_watcher>(env_.loop, fd, [this, weak = std::weak_ptr(made)] {
+        if (const auto from = weak.lock()) {
+            readable(from);
+        }
+    });
+    track(made);
+    return made;
+}
+
+void client::open_where_wanted(path& on, const pass& p) {
+    const core::lane* joined =
+        on.current != nullptr && on.current->joined() != nullptr ? on.current->joined()->lane_of(*on.current) : nullptr;
+    if (joined != nullptr && !joined->suspect()) {
+        on.usual_rtt = joined->rtt();
+        on.shortest_rtt = core::duration(on.current->flow().statistics().min_rtt);
+    }
+    const bool silent = joined != nullptr && joined->wants_fresh_carrier(p.now);
+    if (on.fresh != nullptr && on.current != nullptr && !silent) {
+        // The old subflow answers again.
+        abandon(std::exchange(on.fresh, nullptr), close_code::subflow_only, p);
+    }
+    on.wanting =
+        (on.current == nullptr || (silent && on.fresh == nullptr)) && links_.of(on.spec.name) != presence::gone;
+    if (!on.wanting || p.now < on.next_try) {
+        return;
+    }
+    on.wanting = false;
+    auto made = open(on, p);
+    if (made == nullptr) {
+        failed(on, false, p);
+    } else if (on.current == nullptr) {
+        on.current = std::move(made);
+    } else {
+        on.fresh = std::move(made);
+    }
+}
+
+void client::failed(path& on, bool unanswered, const pass& p) {
+    ++on.tries;
+    const bool quick = unanswered && connection_ != nullptr && on.tries < quick_tries;
+    on.wanting = true;
+    on.pause = quick ? quick_pause : longer_pause(on.pause);
+    on.next_try = p.now + on.pause;
+    if (connection_ == nullptr) {
+        resolver_.start(target_.host, target_.port);  // the server may have moved; the old address serves until then
+    }
+}
+
+// --- what the kernel tells ---
+
+// On the loop's thread, which is where the paths' sockets are made: a network namespace belongs to a thread.
+void client::watch_network() {
+    if (std::exchange(network_tried_, true)) {
+        return;
+    }
+    network_ = network_watch::open(env_.loop, [this] {
+        const pass p = env_.drive.begin();
+        read_network(p);
+        env_.drive.finish(p);
+    });
+}
+
+void client::read_network(const pass& p) {
+    if (!network_->read(links_)) {
+        network_.reset();
+        links_ = link_table();  // nothing is known any more, so everything is tried
+        return;
+    }
+    for (const auto& change : links_.take_changes()) {
+        on_change(change, p);
+        if (env_.dead) {
+            return;
+        }
+    }
+}
+
+void client::on_change(const link_table::change& change, const pass& p) {
+    path* const on = path_named(change.name);
+    if (on == nullptr) {
+        return;
+    }
+    switch (change.what) {
+        case link_table::change::kind::went:
+            lose_lanes(*on, INADDR_ANY, p);
+            break;
+        case link_table::change::kind::moved:
+            lose_lanes(*on, change.address, p);
+            break;
+        case link_table::change::kind::came:
+            on->pause = milliseconds(0);
+            on->tries = 0;
+            on->next_try = p.now;
+            on->wanting = true;
+            [[fallthrough]];
+        case link_table::change::kind::routed:
+            on->restart_at = std::min(on->restart_at, std::max(p.now, on->restarted_at + between_restarts));
+            break;
+    }
+}
+
+// A first packet that found no way out would be repeated only after a while.
+void client::restart_unheard(path& on, const pass& p) {
+    if (p.now < on.restart_at) {
+        return;
+    }
+    on.restart_at = core::never;
+    on.restarted_at = p.now;
+    for (const auto& of : {on.current, on.fresh}) {
+        if (of != nullptr && of->unheard()) {
+            abandon(of, close_code::subflow_only, p);
+            on.next_try = p.now;
+        }
+    }
+    if (on.current == nullptr) {
+        on.next_try = p.now;
+    }
+}
+
+// `bound_to`: only those whose socket has this address; 0 for all.
+void client::lose_lanes(path& on, link_table::ipv4 bound_to, const pass& p) {
+    for (const auto& of : {on.current, on.fresh}) {
+        if (of == nullptr || (bound_to != INADDR_ANY && local_endpoint(of->fd()).ip4.sin_addr.s_addr != bound_to)) {
+            continue;
+        }
+        on.next_try = p.now;
+        of->close(close_code::subflow_only, p);
+        give_back(on, *of);
+        if (env_.dead) {
+            return;
+        }
+        abandon(of, close_code::subflow_only, p);
+    }
+}
+
+// The application gets back the socket of a path that has failed. It may destroy the instance meanwhile.
+void client::give_back(path& on, lane& of) {
+    if (env_.app.path_broken != nullptr) {
+        const int fd = of.release_socket();
+        env_.app.path_broken(env_.app.instance, on.spec.text.c_str(), fd);
+    }
+}
+
+}  // namespace tndm
