@@ -142,8 +142,8 @@ TEST_F(hostile, unknown_types_end_the_connection) {
 }
 
 TEST_F(hostile, windows_are_kept_to_the_byte) {
-    own_.stream_window = 1000;
-    own_.connection_window = 2500;
+    own_.stream_window = own_.stream_window_max = 1000;
+    own_.connection_window = own_.connection_window_max = 2500;
     fresh(own_);
     expect_accepted(chunk(0, 999, {1}));
     expect_violation(chunk(0, 1000, {1}));

@@ -111,6 +111,16 @@ TEST_F(transfer, windows_grow_to_a_large_bandwidth_delay_product) {
     EXPECT_LE(server().most_held, uint64_t{24} * megabyte);
 }
 
+// While a far path's loss is being found out and filled, the near one must go on: the windows grow to hold that.
+TEST_F(transfer, windows_grow_while_a_hole_is_open) {
+    start({{.mbit = 80, .delay = 20ms}, {.mbit = 5, .delay = 150ms, .loss = 0.05}}, with_window(500'000, 2));
+    send(client(), 0, 20 * megabyte, true);
+    const duration took = run_until_done(20s);
+    expect_intact();
+    EXPECT_GT(mbit(20 * megabyte, took), 60);
+    EXPECT_LE(server().most_held, uint64_t{24} * megabyte);
+}
+
 TEST_F(transfer, an_idle_connection_sends_only_heartbeats) {
     options o;
     o.heartbeat = 1s;

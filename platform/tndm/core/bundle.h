@@ -186,6 +186,8 @@ class bundle {
     bool held_back(const stream& s) const;
     void release_preface();
     void grant(stream& s, instant now);
+    void tell_window(stream& s);
+    void grow_windows(stream& s);
     void grant_connection(instant now);
 
     // bundle_send.cpp

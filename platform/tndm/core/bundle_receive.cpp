@@ -83,6 +83,7 @@ void bundle::on_chunk(const wire::chunk& chunk, instant now) {
         violate("too many holes");
     } else {
         make_ready(*s);
+        grow_windows(*s);
         if (s->paused) {
             paused_ready_ += s->receive.ready() - ready_before;
             grant_connection(now);
@@ -202,11 +203,28 @@ void bundle::grant(stream& s, instant now) {
         return;
     }
     if (s.window.consumed(s.receive.taken(), now, slowest_rtt())) {
-        s.receive.raise_limit(s.window.granted());
-        if (!s.window_dirty) {
-            s.window_dirty = true;
-            stream_windows_dirty_.push_back(s.id);
-        }
+        tell_window(s);
+    }
+}
+
+void bundle::tell_window(stream& s) {
+    s.receive.raise_limit(s.window.granted());
+    if (!s.window_dirty) {
+        s.window_dirty = true;
+        stream_windows_dirty_.push_back(s.id);
+    }
+}
+
+// A hole, and not a reader, keeps the windows from moving on: they grow as far as they may.
+void bundle::grow_windows(stream& s) {
+    if (s.receive.gaps() == 0 || s.paused || held_back(s)) {
+        return;
+    }
+    if (!s.receive.end_known() && s.window.used(s.receive.highest())) {
+        tell_window(s);
+    }
+    if (connection_window_.used(received_total_)) {
+        window_dirty_ = true;
     }
 }
 

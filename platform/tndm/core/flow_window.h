@@ -1,4 +1,6 @@
-// A receive window that grows with the bandwidth-delay product: it doubles when it is used up within two round trips.
+// A receive window that grows with the bandwidth-delay product: it doubles when it is used up within two round trips,
+// or when the peer has come close to its end while bytes wait behind a hole. (A hole on a slow path stays open for one
+// of that path's round trips, or two; what the fast ones could deliver meanwhile is what the window has to hold.)
 #ifndef TANDEM_PLATFORM_TNDM_CORE_FLOW_WINDOW_H
 #define TANDEM_PLATFORM_TNDM_CORE_FLOW_WINDOW_H
 
@@ -27,6 +29,17 @@ class flow_window {
         }
         last_grant_ = now;
         granted_ = std::max(granted_, total + size_);
+        return true;
+    }
+
+    // Told how much the peer has used of its grants. True when the window has grown.
+    bool used(uint64_t total) {
+        if (granted_ - total > size_ / 4 || size_ == max_) {
+            return false;
+        }
+        const uint64_t more = std::min(size_, max_ - size_);
+        size_ += more;
+        granted_ += more;
         return true;
     }
 
