@@ -28,7 +28,13 @@ void client_context_t::on_authorize_acked(int code, const std::string& message) 
     }
     // Only a later turn of the loop watches the sockets, when the base has marked the connection as authorised.
     for (const listening_forward_t& forward : to_forward_) {
-        add_tcp_forward(forward.fd, forward.target_host, forward.target_port, true);
+        if (forward.type == TYPE_VPN) {
+            add_vpn_forward(forward.fd, forward.target_host, true);
+        } else if (forward.type == TYPE_UDP) {
+            add_udp_forward(forward.fd, forward.target_host, forward.target_port, true);
+        } else {
+            add_tcp_forward(forward.fd, forward.target_host, forward.target_port, true);
+        }
     }
     observer_.on_authorized();
 }

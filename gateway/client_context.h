@@ -18,11 +18,12 @@ struct identity_t {
     std::string machine;
 };
 
-// A listening socket of the application's and what its connections are carried to.
+// A listening TCP socket, a bound UDP socket or a tun/tap device of the application's, and what it is carried to.
 struct listening_forward_t {
     int fd;
-    std::string target_host;
+    std::string target_host;  // VPN: the options of the server's interface
     uint16_t target_port;
+    int32_t type = advanced_connection_context_t::TYPE_TCP;
 };
 
 // Hears what becomes of a client's connections, on the link's loop thread. Outlives the link.

@@ -1,5 +1,10 @@
 #include "gateway/gateway_context.h"
 
+#include <fcntl.h>
+
+#include <cstdio>
+
+#include "common/log.h"
 #include "gateway/end_of_stream.h"
 
 namespace tandem {
@@ -17,6 +22,18 @@ bool is_refusal_on_the_wire(int code) {
     return (code & 0xffff) != 0;
 }
 
+// The mark among an interface's options that they have been looked at.
+constexpr const char* admitted = " admitted";
+
+// `reason` may hold what the client has sent.
+void log_refusal(std::string reason) {
+    for (char& c : reason) {
+        if (c < ' ' || c > '~') c = '?';
+    }
+    log_place("on_create_vpn_interface", __LINE__);
+    std::printf("Gateway - VPN interface refused: %.300s\n", reason.c_str());
+}
+
 }  // namespace
 
 gateway_context_t::gateway_context_t(st_tloop_t* link_loop, std::shared_ptr<authorizer_t> authorizer)
@@ -31,6 +48,7 @@ bool gateway_context_t::on_authorize(const std::string& id, const std::string& c
                                      const std::string& machine, int& code, std::string& message) {
     code = authorizer_->authorize({id, credential, software, machine}, message);
     if (code == 0) {
+        client_id_ = id;
         client_machine_ = machine;
         deadline_.cancel();
         max_frame_length = client_frame;
@@ -49,6 +67,29 @@ std::shared_ptr<packet_t> gateway_context_t::on_received_stream_packet(uint64_t 
     }
     handled = true;
     return end_of_stream();
+}
+
+// The library would make an interface when this hook makes none. To refuse it for good the hook gives a descriptor that
+// is no interface, and no name: set_if_options then ends the request.
+int gateway_context_t::on_create_vpn_interface(uint64_t, std::multimap<std::string, std::string>& options,
+                                               std::string& ifname, const std::string& mode) {
+    std::string reason = "this gateway has no VPN";
+    options.erase(admitted);
+    if (vpn_host_ && vpn_host_->admit(client_id_, mode, ifname, options, reason)) {
+        options.emplace(admitted, "");
+        return -1;
+    }
+    log_refusal(reason);
+    ifname.clear();
+    return open("/dev/null", O_RDWR | O_CLOEXEC);
+}
+
+bool gateway_context_t::set_if_options(const std::string& ifname, std::multimap<std::string, std::string>& options) {
+    if (ifname.empty() || !vpn_host_ || options.erase(admitted) == 0) return false;
+    std::string reason;
+    if (vpn_host_->set_up(ifname, options, reason)) return true;
+    log_refusal(reason);
+    return false;
 }
 
 void gateway_context_t::on_destroy() {
