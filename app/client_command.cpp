@@ -103,6 +103,7 @@ void client_t::start() {
         return made;
     });
     link_.set_problem_handler([this](int problem, const std::string& text) { on_problem(problem, text); });
+    link_.set_schedule(command_.schedule);
     if (link_.create(to_options(command_), loop_.get()) != 0) {
         const std::string authorities = trust_authority_file(command_.trust);
         if (authorities.empty()) {
@@ -114,9 +115,10 @@ void client_t::start() {
     }
     for (const std::string& path : command_.paths) {
         if (link_.path_add(path.c_str()) != 0) {
-            throw failure_t("--path: cannot use " + path + "; give a local address or the name of an interface");
+            throw failure_t("--path: cannot use " + path +
+                            "; give a local address or the name of an interface, and only ;backup:yes behind it");
         }
-        if (!is_path_present(path)) say("path " + path + " is not there now; it is used once it comes");
+        if (!is_path_present(path_name(path))) say("path " + path + " is not there now; it is used once it comes");
     }
 }
 

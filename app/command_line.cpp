@@ -5,12 +5,12 @@
 
 #include "app/certificate.h"
 #include "app/failure.h"
+#include "app/local_path.h"
 #include "app/trust.h"
 
 namespace tandem::app {
 namespace {
 
-constexpr size_t longest_path = 127;  // what a path record can hold
 constexpr size_t longest_alpn = 255;
 
 // The values as they were typed.
@@ -58,7 +58,10 @@ CLI::App* add_client(CLI::App& app, typed_t& typed) {
     command->add_option("server", typed.host, "The server, HOST[:PORT] or [V6][:PORT]")
         ->required()
         ->type_name("HOST[:PORT]");
-    command->add_option("--path", typed.client.paths, "A local address or interface to use; repeat it to bond several")
+    command
+        ->add_option("--path", typed.client.paths,
+                     "A local address or interface to use, \"NAME;backup:yes\" only while no other works; repeat it to "
+                     "bond several")
         ->required()
         ->expected(1)
         ->take_all()
@@ -72,6 +75,11 @@ CLI::App* add_client(CLI::App& app, typed_t& typed) {
         ->add_option("--trust", typed.client.trust,
                      "How to know the server: pin:HEX, ca:FILE, name:TEXT, insecure:yes, parted by ';'")
         ->type_name("TEXT");
+    command
+        ->add_option("--schedule", typed.client.schedule,
+                     "How the paths share the work: default, or redundant (everything on every path)")
+        ->capture_default_str()
+        ->type_name("NAME");
     add_link_options(*command, typed.client.link, typed.watch);
     return command;
 }
@@ -110,13 +118,10 @@ server_command_t checked_server(typed_t& typed) {
 
 void check_paths(const std::vector<std::string>& paths) {
     for (auto path = paths.begin(); path != paths.end(); ++path) {
-        const bool plain = std::all_of(path->begin(), path->end(), [](char c) { return c > ' ' && c < 0x7f; });
-        if (path->empty() || path->size() > longest_path || !plain) {
-            throw bad_value("--path", *path,
-                            "give a local address or the name of an interface, for example 192.168.1.10 or eth0");
-        }
-        if (std::find(paths.begin(), path, *path) != path)
-            throw bad_value("--path", *path, "is given twice; name each path once");
+        if (const std::string fault = path_fault(*path); !fault.empty()) throw bad_value("--path", *path, fault);
+        const auto same = [&](const std::string& other) { return path_name(other) == path_name(*path); };
+        if (std::any_of(paths.begin(), path, same))
+            throw bad_value("--path", *path, "is given twice; name each path once, with all its options");
     }
 }
 
@@ -128,6 +133,8 @@ client_command_t checked_client(typed_t& typed) {
         throw bad_value("server", typed.host, "write HOST, HOST:PORT or [V6]:PORT, for example gateway.example:14002");
     client.server = *server;
     check_paths(client.paths);
+    if (client.schedule != "default" && client.schedule != "redundant")
+        throw bad_value("--schedule", client.schedule, "choose default or redundant");
     for (const std::string& text : typed.forwards) {
         const auto forward = parse_tcp_forward(text);
         if (!forward) throw bad_value("--tcp", text, "write [ADDR:]PORT=HOST:PORT, for example 8080=127.0.0.1:80");

@@ -37,6 +37,7 @@ struct client_command_t {
     std::vector<std::string> paths;
     std::vector<tcp_forward_t> forwards;
     std::string trust;
+    std::string schedule = "default";
 };
 
 struct cert_command_t {

@@ -40,6 +40,7 @@ int link_t::create(const options_t& options, st_tloop_t* loop) {
     instance_ = tndm_create_instance(&instance_record_, this);
     if (instance_ == nullptr) return -1;
     register_further_callbacks();
+    if (!hand_on_schedule()) return -1;
     if (own_loop_ && !start_loop_thread()) return -1;
     return options_.is_server != 0 ? start_server() : start_client();
 }
@@ -48,6 +49,11 @@ int link_t::create(const options_t& options, st_tloop_t* loop) {
 void link_t::register_further_callbacks() {
     if (tndm_set_writable_callback != nullptr) tndm_set_writable_callback(instance_, tndm_stream_writable);
     if (tndm_set_problem_callback != nullptr && problem_handler_) tndm_set_problem_callback(instance_, tndm_problem);
+}
+
+bool link_t::hand_on_schedule() {
+    if (schedule_.empty()) return true;
+    return tndm_set_schedule != nullptr && tndm_set_schedule(instance_, schedule_.c_str()) == 0;
 }
 
 bool link_t::start_loop_thread() {
@@ -196,6 +202,10 @@ bool link_t::register_connection_context_factory(const std::string& alpn, factor
 
 bool link_t::register_connection_context_factory(factory_t factory) {
     return register_connection_context_factory("*", std::move(factory));
+}
+
+void link_t::set_schedule(std::string name) {
+    schedule_ = std::move(name);
 }
 
 void link_t::set_problem_handler(problem_handler_t handler) {

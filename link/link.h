@@ -20,10 +20,10 @@ class connection_context_t;
 
 // One end of a link: a transport instance, client or server, on an event loop, and the contexts of its connections.
 //
-// created -> create() -> running -> destroy() -> created, again and again. `create`, `destroy` and
-// `set_problem_handler` belong to one thread; `path_add`, `path_del` and the registrations may be called from any
-// thread while the link is running. Transport callbacks, and with them the contexts' handlers, run on the loop's
-// thread: the link's own, or the one on which the caller runs the loop that it gave.
+// created -> create() -> running -> destroy() -> created, again and again. `create`, `destroy`,
+// `set_problem_handler` and `set_schedule` belong to one thread; `path_add`, `path_del` and the registrations may be
+// called from any thread while the link is running. Transport callbacks, and with them the contexts' handlers, run on
+// the loop's thread: the link's own, or the one on which the caller runs the loop that it gave.
 //
 // `mutex_` guards the two maps. It is held while a factory runs (a factory must not register factories) and otherwise
 // never while foreign code does.
@@ -61,6 +61,10 @@ class TANDEM_API link_t {
     // notice.
     void set_problem_handler(problem_handler_t handler);
 
+    // How a client's paths share the work, as the transport names it ("default", "redundant"). Set it before create(),
+    // which fails when the transport knows no such schedule.
+    void set_schedule(std::string name);
+
     // The loop thread's body; `link` is a link_t.
     static void tndm_instance_loop(void* link);
 
@@ -83,6 +87,7 @@ class TANDEM_API link_t {
     int start_client();
     bool start_loop_thread();
     void register_further_callbacks();
+    bool hand_on_schedule();
     void close_contexts();
     void forget_contexts();
     void stop_own_loop();
@@ -107,6 +112,7 @@ class TANDEM_API link_t {
     // out.
     std::shared_ptr<bool> loop_orphaned_;
     problem_handler_t problem_handler_;
+    std::string schedule_;  // empty: not told to the transport
 };
 
 }  // namespace tandem
