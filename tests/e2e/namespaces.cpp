@@ -36,7 +36,6 @@ namespaces_t::namespaces_t()
     ip("-n " + server_ + " addr add 10.77.9.1/32 dev lo");
     make_link("1");
     make_link("2");
-    ip("-n " + client_ + " route add 10.77.9.1/32 via 10.77.1.1");
 }
 
 namespaces_t::~namespaces_t() {
@@ -51,13 +50,20 @@ void namespaces_t::make_link(const std::string& number) const {
     ip("-n " + server_ + " addr add " + net + "1/24 dev s" + number);
     ip("-n " + client_ + " link set c" + number + " up");
     ip("-n " + server_ + " link set s" + number + " up");
-    ip("-n " + client_ + " route add 10.77.9.1/32 via " + net + "1 table 10" + number);
-    ip("-n " + client_ + " rule add from " + net + "2 table 10" + number);
+    ip("-n " + client_ + " rule add from " + net + "0/24 table 10" + number);
+    add_routes(number);
     // The server's address is reached over both links, so neither end may insist on the way that it would take itself.
     run({"ip", "netns", "exec", client_, "sh", "-c",
          "for f in /proc/sys/net/ipv4/conf/*/rp_filter; do echo 0 >$f; done"});
     run({"ip", "netns", "exec", server_, "sh", "-c",
          "for f in /proc/sys/net/ipv4/conf/*/rp_filter; do echo 0 >$f; done"});
+}
+
+// For what is bound to the link's address, and for what is bound to the link.
+void namespaces_t::add_routes(const std::string& number) const {
+    const std::string way = " route replace 10.77.9.1/32 via 10.77." + number + ".1 dev c" + number;
+    ip("-n " + client_ + way + " table 10" + number);
+    ip("-n " + client_ + way + " metric " + number);
 }
 
 void namespaces_t::swallow(int link) {
@@ -74,6 +80,32 @@ void namespaces_t::carry(int link) {
 
 void namespaces_t::take_down(int link) {
     ip("-n " + client_ + " link set c" + std::to_string(link) + " down");
+}
+
+void namespaces_t::bring_up(int link) {
+    ip("-n " + client_ + " link set c" + std::to_string(link) + " up");
+    add_routes(std::to_string(link));
+}
+
+void namespaces_t::change_address(int link, int host) {
+    const std::string number = std::to_string(link);
+    int& now = hosts_.try_emplace(link, 2).first->second;
+    const auto address = [&](int last) {
+        return "10.77." + number + "." + std::to_string(last) + "/24 dev c" + number;
+    };
+    ip("-n " + client_ + " addr del " + address(now));
+    ip("-n " + client_ + " addr add " + address(host));
+    add_routes(number);
+    now = host;
+}
+
+void namespaces_t::limit(int link, int mbit) {
+    const std::string number = std::to_string(link);
+    const std::string how = " root tbf rate " + std::to_string(mbit) + "mbit burst 64kb latency 30ms";
+    for (const std::string& end : {client_ + " dev c" + number, server_ + " dev s" + number}) {
+        const size_t space = end.find(' ');
+        run({"sh", "-c", "tc -n " + end.substr(0, space) + " qdisc add" + end.substr(space) + how});
+    }
 }
 
 void namespaces_t::run_inside(const std::string& name, const std::function<void()>& action) {

@@ -2,6 +2,7 @@
 #define TANDEM_TESTS_E2E_NAMESPACES_H
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,12 @@ class namespaces_t {
     void carry(int link);
     // Takes the client's end of a link down, which it can see.
     void take_down(int link);
+    // Up again, with the routes that the kernel has forgotten meanwhile.
+    void bring_up(int link);
+    // Gives the client's end of a link another address in place of its own: 10.77.<link>.<host>.
+    void change_address(int link, int host);
+    // Lets a link carry no more than this, either way.
+    void limit(int link, int mbit);
 
     // What comes before a command to run it inside.
     std::vector<std::string> in_client() const { return {"ip", "netns", "exec", client_}; }
@@ -33,7 +40,9 @@ class namespaces_t {
   private:
     static void run_inside(const std::string& name, const std::function<void()>& action);
     void make_link(const std::string& number) const;
+    void add_routes(const std::string& number) const;
 
+    std::map<int, int> hosts_;  // link -> last number of the client's address, unless it is 2
     std::string client_;
     std::string server_;
 };

@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <atomic>
 #include <optional>
+#include <thread>
 
 #include "tests/e2e/link_fixture.h"
 #include "tests/e2e/network.h"
@@ -14,7 +16,7 @@ namespace {
 // Server and echo service in one namespace, the client with two paths in the other, and a connection through the
 // forward.
 struct apart_t {
-    apart_t() {
+    explicit apart_t(const std::vector<std::string>& paths = {"10.77.1.2", "10.77.2.2"}) {
         nets.at_server([&] {
             uint16_t port = 0;
             app::file_t listening = listen_tcp(port);
@@ -22,7 +24,7 @@ struct apart_t {
         });
         server.emplace(link.start_server(nets.in_server()));
         auto args = nets.in_client();
-        const auto own = link.client_args(service->port(), "10.77.9.1", {"10.77.1.2", "10.77.2.2"});
+        const auto own = link.client_args(service->port(), "10.77.9.1", paths);
         args.insert(args.end(), own.begin(), own.end());
         client.emplace(args);
         const uint16_t port = wait_forward(*client);
@@ -68,6 +70,79 @@ TEST(two_paths, a_path_that_came_back_carries_when_the_other_one_goes) {
     EXPECT_EQ(exchange(
                   apart.socket.fd(), 4, bulk_bytes, [&] { apart.nets.swallow(1); }, swap),
               "");
+}
+
+#ifdef TANDEM_E2E_SLOW
+constexpr int rounds = 20;
+constexpr std::chrono::milliseconds longest_pause{2000};
+#else
+constexpr int rounds = 100;
+constexpr std::chrono::milliseconds longest_pause{400};
+#endif
+
+// Load through the forward while `trouble` runs, which must not wait for anything that it carries.
+void under_load(apart_t& apart, uint64_t seed, std::chrono::milliseconds bound, const std::function<void()>& trouble) {
+    apart.nets.limit(1, 100);
+    apart.nets.limit(2, 100);
+    std::atomic<bool> over{false};
+    std::thread troubling([&] {
+        EXPECT_NO_THROW(trouble());
+        over = true;
+    });
+    std::chrono::steady_clock::duration pause{};
+    EXPECT_EQ(exchange_while(
+                  apart.socket.fd(), seed, [&] { return !over; }, pause),
+              "");
+    troubling.join();
+    const auto pause_ms = std::chrono::duration_cast<std::chrono::milliseconds>(pause);
+    ::testing::Test::RecordProperty("longest_pause_ms", std::to_string(pause_ms.count()));
+    std::printf("longest pause: %lld ms\n", static_cast<long long>(pause_ms.count()));
+    EXPECT_LT(pause_ms.count(), bound.count());
+}
+
+class named : public ::testing::TestWithParam<std::vector<std::string>> {};
+
+// How long it is away, and how long it is there, is the subject: the path joins again in some rounds, in others it does
+// not get so far.
+TEST_P(named, an_interface_goes_and_comes_a_hundred_times) {
+    apart_t apart(GetParam());
+    under_load(apart, 5, longest_pause, [&] {
+        for (int round = 0; round < rounds; ++round) {
+            apart.nets.take_down(1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(10 + 10 * (round % 5)));
+            apart.nets.bring_up(1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(20 + 40 * (round % 4)));
+        }
+    });
+}
+
+INSTANTIATE_TEST_SUITE_P(two_paths, named,
+                         ::testing::Values(std::vector<std::string>{"10.77.1.2", "10.77.2.2"},
+                                           std::vector<std::string>{"c1", "c2"}),
+                         [](const auto& at) { return at.index == 0 ? "by_address" : "by_interface"; });
+
+TEST(two_paths, an_interface_that_changes_its_address_goes_on) {
+    apart_t apart({"c1", "c2"});
+    under_load(apart, 6, longest_pause, [&] {
+        for (const int host : {3, 4, 5, 6}) {
+            apart.nets.change_address(1 + host % 2, host);
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        }
+    });
+}
+
+TEST(one_path, outlives_its_interface_going_and_coming) {
+    apart_t apart({"c1"});
+    under_load(apart, 7, std::chrono::seconds(3), [&] {
+        for (int round = 0; round < 5; ++round) {
+            apart.nets.take_down(1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(300));
+            apart.nets.bring_up(1);
+            std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        }
+        apart.nets.change_address(1, 9);
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    });
 }
 
 }  // namespace

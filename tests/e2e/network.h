@@ -1,6 +1,7 @@
 #ifndef TANDEM_TESTS_E2E_NETWORK_H
 #define TANDEM_TESTS_E2E_NETWORK_H
 
+#include <chrono>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -68,6 +69,9 @@ void answer_after_end(int fd);
 // Sends `bytes` of a pattern to an echo service, ends that direction, and compares what returns, end of stream
 // included. `at_quarter` is called once when a quarter is back, `at_half` when half is. Empty when all is well, else
 // what is wrong.
+// The same for as long as `more` says so (asked on another thread); `longest_pause` is of what returns.
+std::string exchange_while(int fd, uint64_t seed, const std::function<bool()>& more,
+                           std::chrono::steady_clock::duration& longest_pause);
 std::string exchange(int fd, uint64_t seed, uint64_t bytes, const std::function<void()>& at_quarter = {},
                      const std::function<void()>& at_half = {});
 
