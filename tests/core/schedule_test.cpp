@@ -8,17 +8,17 @@ class schedules : public bundle_test {
   protected:
     // Sends `count` messages of `size` bytes, one every `interval`, and gives what each took until its last byte was
     // there, in ascending order.
-    std::vector<duration> message_times(size_t count, uint64_t size, duration interval) {
+    std::vector<duration> message_times(size_t count, uint64_t size, duration interval, uint64_t stream = 0) {
         const instant from = sim().now();
         for (size_t i = 0; i < count; ++i) {
-            send(client(), 0, size);
+            send(client(), stream, size);
             run_for(interval);
         }
-        run_until_done(10s);
+        run_for(2s);
         std::vector<duration> times;
         uint64_t arrived = 0;
         for (const host::event& e : server().log) {
-            if (e.at < from) {
+            if (e.at < from || e.stream != stream) {
                 continue;
             }
             for (arrived += e.bytes; times.size() < count && arrived >= (times.size() + 1) * size;) {
@@ -44,6 +44,37 @@ TEST_F(schedules, small_messages_leave_a_far_path_alone) {
     warm_up();
     const auto times = message_times(100, 20'000, 40ms);
     EXPECT_LT(quantile(times, 1.0), 30ms);
+    expect_intact();
+}
+
+// The near path takes a chunk every 0.12 ms; bulk is on its way over the far one, whose queue is full.
+TEST_F(schedules, small_messages_wait_neither_behind_bulk_nor_on_the_far_path) {
+    start({{.mbit = 80, .delay = 10ms}, {.mbit = 20, .delay = 40ms}}, with_window(300'000));
+    warm_up();
+    send(client(), 4, 60'000'000);
+    run_for(1s);
+    const auto times = message_times(150, 200, 20ms, 8);
+    EXPECT_LT(quantile(times, 0.98), 30ms);
+    run_until_done(20s);
+    EXPECT_GT(mbit(server().total_received, elapsed()), 75) << "bulk must not pay for it";
+    expect_intact();
+}
+
+TEST_F(schedules, many_small_streams_do_not_starve_bulk) {
+    start({{.mbit = 20, .delay = 10ms}}, with_window(60'000));
+    warm_up();
+    send(client(), 4, 20'000'000);
+    const instant end = sim().now() + 2s;
+    const uint64_t before = server().received[4].bytes;
+    for (uint64_t round = 0; sim().now() < end; ++round) {
+        for (uint64_t stream = 8; stream <= 44; stream += 4) {
+            send(client(), stream, 4000);  // 32 Mbit/s in all
+        }
+        run_for(10ms);
+    }
+    // Eleven streams share 20 Mbit/s, each with a right to its part.
+    EXPECT_GT(mbit(server().received[4].bytes - before, 2s), 20.0 / 11 * 0.8);
+    run_until_done(60s);
     expect_intact();
 }
 

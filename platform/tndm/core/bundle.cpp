@@ -116,9 +116,7 @@ void bundle::retire_if_over(stream& s) {
         ++peer_credit_[kind];
         streams_dirty_[kind] = true;
     }
-    if (s.in_fresh) {
-        fresh_.erase(*s.in_fresh);
-    }
+    leave_line(s);
     if (s.in_resend) {
         resend_.erase(*s.in_resend);
     }

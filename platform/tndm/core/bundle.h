@@ -142,6 +142,8 @@ class bundle {
     const std::string& violation() const { return violation_; }
 
   private:
+    // Lines of streams with bytes never sent, which take turns: those with little to say go before the others.
+    enum : unsigned { prompt, bulk, nowhere };
     struct stream {
         stream(uint64_t stream_id, uint64_t send_limit, const limits& own)
             : id(stream_id),
@@ -158,10 +160,20 @@ class bundle {
         bool paused = false;
         bool in_ready = false;
         bool window_dirty = false;
-        std::optional<std::list<stream*>::iterator> in_fresh;
+        unsigned line = nowhere;  // where it stands with bytes never sent
+        std::list<stream*>::iterator place;
+        uint64_t counted = 0;       // its part of that line's `unsent`
+        uint64_t prompt_left = 0;   // what it may still send before others
+        uint64_t prompt_again = 0;  // `bulk_sent_` from when on it gets a new allowance
         std::optional<std::list<stream*>::iterator> in_resend;
     };
     using stream_list = std::list<stream*>;
+    struct line {
+        stream_list streams;
+        uint64_t unsent = 0;
+        instant held_since = never;  // left to faster lanes, none of which has taken anything since then
+    };
+    static constexpr uint64_t turn = 16384;  // bytes
 
     // bundle.cpp
     static unsigned kind_of(uint64_t id) { return (id >> 1) & 1; }
@@ -192,20 +204,24 @@ class bundle {
 
     // bundle_send.cpp
     lane* lane_of(lane_id id);
+    bool is_prompt(stream& s) const;
     void note_fresh(stream& s);
+    void leave_line(stream& s);
     void note_resend(stream& s);
     void requeue(lane& from, transmission& record, instant now);
     void fall_silent(lane& l, instant now);
     std::optional<outgoing> next_control(size_t room);
     std::optional<outgoing> next_resend(const lane& l, size_t room, instant now);
     std::optional<outgoing> next_fresh(const lane& l, size_t room, instant now);
+    std::optional<outgoing> next_fresh(unsigned which, const lane& l, size_t room, instant now);
     std::optional<outgoing> next_copy(lane& l, size_t room, instant now);
-    const stream* fresh_turn() const;
+    const stream* fresh_turn(unsigned which) const;
+    bool may_take_fresh(unsigned which, const lane& l) const;
     std::optional<outgoing> chunk_of(const stream& s, range part, size_t room) const;
     void chunk_sent(lane& l, stream& s, const outgoing& datagram);
     std::optional<wire::preface> preface_for(const stream& s) const;
     const stream* unsent_preface() const;
-    uint64_t connection_room() const { return peer_window_ > sent_total_ ? peer_window_ - sent_total_ : 0; }
+    uint64_t connection_room(unsigned which) const;
 
     role role_;
     limits own_;
@@ -218,12 +234,12 @@ class bundle {
     std::string violation_;
 
     // Sending.
-    stream_list fresh_;   // streams with bytes never sent, taking turns
-    stream_list resend_;  // streams with bytes to be sent again
+    std::array<line, 2> lines_;
+    uint64_t bulk_sent_ = 0;  // by streams in the bulk line
+    stream_list resend_;      // streams with bytes to be sent again
     uint64_t peer_window_;
     uint64_t sent_total_ = 0;
     uint64_t unsent_total_ = 0;     // queued on all streams and never sent
-    instant held_since_ = never;    // new bytes have been left to faster lanes, none of which has taken any since then
     instant resend_retry_ = never;  // when a slower lane may take what a faster one has left lying
     std::optional<uint64_t> preface_stream_;
     uint64_t preface_length_ = 0;

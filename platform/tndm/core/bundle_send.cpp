@@ -1,6 +1,6 @@
 // The sending half of the bundle: a chunk's journey.
 //
-// 1. The application queues bytes on a stream; the stream stands in `fresh_`.
+// 1. The application queues bytes on a stream; the stream stands in one of `lines_`.
 // 2. A lane that has room asks next(): first grants, then what has to be sent again, then new bytes, the streams taking
 // turns.
 // 3. sent() notes in the lane's flight what the datagram held.
@@ -17,20 +17,47 @@ namespace tndm::core {
 
 // --- what stands in line ---
 
-void bundle::note_fresh(stream& s) {
-    const bool wanted = s.sends && s.send.has_fresh(~uint64_t{0});
-    if (wanted && !s.in_fresh) {
-        s.in_fresh = fresh_.insert(fresh_.end(), &s);
-    } else if (!wanted && s.in_fresh) {
-        fresh_.erase(*s.in_fresh);
-        s.in_fresh.reset();
+// Whether a stream goes before those that transfer in bulk: a deficit round robin in which a stream that comes anew is
+// served first, as DRR++ and FQ-CoDel have it. Its allowance is one turn for each turn of all streams in bulk, so they
+// are never starved: who asks for more than a fair share stands in their line.
+bool bundle::is_prompt(stream& s) const {
+    if (s.line == nowhere && bulk_sent_ >= s.prompt_again) {
+        s.prompt_left = turn;
+        s.prompt_again = bulk_sent_ + turn * std::max<uint64_t>(1, lines_[bulk].streams.size());
     }
+    return s.line != bulk && s.prompt_left > 0 && s.send.unsent() <= s.prompt_left;
+}
+
+void bundle::note_fresh(stream& s) {
+    if (!s.sends || !s.send.has_fresh(~uint64_t{0})) {
+        leave_line(s);
+        return;
+    }
+    const unsigned wanted = is_prompt(s) ? prompt : bulk;
+    if (s.line != wanted) {
+        leave_line(s);
+        s.line = wanted;
+        s.place = lines_[wanted].streams.insert(lines_[wanted].streams.end(), &s);
+    }
+    lines_[wanted].unsent += s.send.unsent() - s.counted;
+    s.counted = s.send.unsent();
+}
+
+void bundle::leave_line(stream& s) {
+    if (s.line == nowhere) {
+        return;
+    }
+    lines_[s.line].streams.erase(s.place);
+    lines_[s.line].unsent -= s.counted;
+    s.counted = 0;
+    s.line = nowhere;
 }
 
 void bundle::note_resend(stream& s) {
     const bool wanted = s.send.has_resend();
     if (wanted && !s.in_resend) {
-        s.in_resend = resend_.insert(resend_.end(), &s);
+        const bool small = s.send.first_unsent() - s.send.acknowledged_prefix() <= turn;
+        s.in_resend = resend_.insert(small ? resend_.begin() : resend_.end(), &s);
     } else if (!wanted && s.in_resend) {
         resend_.erase(*s.in_resend);
         s.in_resend.reset();
@@ -89,7 +116,7 @@ std::optional<outgoing> bundle::next(lane_id id, size_t room, instant now) {
         }
         // Only what is not held back by the schedule is worth a copy: while bytes wait that may go elsewhere, this lane
         // stays free for them.
-        if (!schedule_->copies_first() && fresh_turn() == nullptr) {
+        if (!schedule_->copies_first() && fresh_turn(prompt) == nullptr && fresh_turn(bulk) == nullptr) {
             if (auto found = next_copy(*l, room, now)) {
                 return found;
             }
@@ -134,7 +161,7 @@ std::optional<outgoing> bundle::next_control(size_t room) {
 
 std::optional<outgoing> bundle::next_resend(const lane& l, size_t room, instant now) {
     for (stream* s : resend_) {
-        const instant from = schedule_->may_take_waiting_at(l, lanes_, s->send.resend_since());
+        const instant from = schedule_->may_take_waiting_at(l, lanes_, s->send.resend_since(), s->send.resend_bytes());
         if (now < from) {
             resend_retry_ = std::min(resend_retry_, from);
             continue;
@@ -149,11 +176,17 @@ std::optional<outgoing> bundle::next_resend(const lane& l, size_t room, instant 
     return std::nullopt;
 }
 
-// The stream whose turn it is to send something new; null when there is none, or the windows are used up.
-const bundle::stream* bundle::fresh_turn() const {
-    const uint64_t allowed = connection_room();
+// How much more the connection lets a line send. Bulk leaves a little to the others.
+uint64_t bundle::connection_room(unsigned which) const {
+    const uint64_t kept = which == bulk ? std::min<uint64_t>(4 * turn, peer_.connection_window / 8) : 0;
+    return peer_window_ > sent_total_ + kept ? peer_window_ - sent_total_ - kept : 0;
+}
+
+// The stream of a line whose turn it is to send something new; null when there is none, or the windows are used up.
+const bundle::stream* bundle::fresh_turn(unsigned which) const {
+    const uint64_t allowed = connection_room(which);
     const stream* first = unsent_preface();
-    for (const stream* s : fresh_) {
+    for (const stream* s : lines_[which].streams) {
         if ((first == nullptr || s == first) && s->send.has_fresh(allowed)) {
             return s;
         }
@@ -161,24 +194,35 @@ const bundle::stream* bundle::fresh_turn() const {
     return nullptr;
 }
 
+// What stands in the prompt line does not wait behind bulk: it is its own backlog.
+bool bundle::may_take_fresh(unsigned which, const lane& l) const {
+    return schedule_->may_take_fresh(l, lanes_, which == prompt ? lines_[prompt].unsent : unsent_total_);
+}
+
 std::optional<outgoing> bundle::next_fresh(const lane& l, size_t room, instant now) {
-    const stream* s = fresh_turn();
+    auto out = next_fresh(prompt, l, room, now);
+    return out ? out : next_fresh(bulk, l, room, now);
+}
+
+std::optional<outgoing> bundle::next_fresh(unsigned which, const lane& l, size_t room, instant now) {
+    const stream* s = fresh_turn(which);
     if (s == nullptr) {
         return std::nullopt;
     }
     bool overdue = false;
-    if (!schedule_->may_take_fresh(l, lanes_, unsent_total_)) {
+    if (!may_take_fresh(which, l)) {
         // A faster lane that answers may still be stuck, its window full of what a dark path has swallowed: it is not
         // waited for in vain.
-        held_since_ = std::min(held_since_, now);
-        const instant from = schedule_->may_take_waiting_at(l, lanes_, held_since_);
+        instant& since = lines_[which].held_since;
+        since = std::min(since, now);
+        const instant from = schedule_->may_take_waiting_at(l, lanes_, since, 0);
         if (now < from) {
             resend_retry_ = std::min(resend_retry_, from);
             return std::nullopt;
         }
         overdue = true;
     }
-    auto out = chunk_of(*s, s->send.fresh(room, connection_room()), room);
+    auto out = chunk_of(*s, s->send.fresh(room, connection_room(which)), room);
     if (out) {
         out->overdue = overdue;
     }
@@ -205,7 +249,9 @@ std::optional<outgoing> bundle::next_copy(lane& l, size_t room, instant now) {
             if (part.empty()) {
                 continue;
             }
-            if (!schedule_->may_copy(l, owing, record, now)) {
+            const instant from = schedule_->may_copy_at(l, owing, record, now);
+            if (now < from) {
+                resend_retry_ = std::min(resend_retry_, from);
                 break;
             }
             if (auto out = chunk_of(*s, part, room)) {
@@ -299,7 +345,8 @@ bool bundle::has_more(lane_id id) const {
         return false;
     }
     return window_dirty_ || streams_dirty_[0] || streams_dirty_[1] || !stream_windows_dirty_.empty() ||
-           !resend_.empty() || (fresh_turn() != nullptr && schedule_->may_take_fresh(*l, lanes_, unsent_total_));
+           !resend_.empty() || (fresh_turn(prompt) != nullptr && may_take_fresh(prompt, *l)) ||
+           (fresh_turn(bulk) != nullptr && may_take_fresh(bulk, *l));
 }
 
 uint64_t bundle::next_id(lane_id id) const {
@@ -356,8 +403,13 @@ void bundle::chunk_sent(lane& l, stream& s, const outgoing& datagram) {
         }
         return;
     }
-    if (!datagram.overdue) {
-        held_since_ = never;
+    if (s.line != nowhere && !datagram.overdue) {
+        lines_[s.line].held_since = never;
+    }
+    if (s.line == prompt) {
+        s.prompt_left -= std::min(s.prompt_left, bytes);
+    } else {
+        bulk_sent_ += bytes;
     }
     s.send.mark_fresh_sent(part);
     sent_total_ += bytes;
@@ -368,8 +420,9 @@ void bundle::chunk_sent(lane& l, stream& s, const outgoing& datagram) {
         sent_.push_back({s.id, bytes});
     }
     note_fresh(s);
-    if (s.in_fresh) {
-        fresh_.splice(fresh_.end(), fresh_, *s.in_fresh);
+    if (s.line != nowhere) {
+        stream_list& streams = lines_[s.line].streams;
+        streams.splice(streams.end(), streams, s.place);
     }
 }
 

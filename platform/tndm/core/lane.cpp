@@ -10,6 +10,17 @@ void lane::sent(const transmission& record, instant now) {
     last_sent_ = now;
 }
 
+duration lane::delivers_in() const {
+    constexpr double full_datagram = 1400;
+    duration queued{0};
+    if (rate_ != 0) {
+        const double bytes = static_cast<double>(flight_.outstanding()) * full_datagram;
+        const std::chrono::duration<double> drain(std::min(bytes / static_cast<double>(rate_), 1e3));
+        queued = std::clamp<duration>(std::chrono::duration_cast<duration>(drain) - rtt_, duration::zero(), rtt_);
+    }
+    return rtt_ / 2 + queued;
+}
+
 void lane::answered(instant now) {
     waiting_since_ = now;
     suspect_ = false;

@@ -37,6 +37,9 @@ class lane {
     duration variation() const { return variation_; }
     // Delivery rate in bytes a second; 0 while unknown.
     uint64_t rate() const { return rate_; }
+    // How long a chunk that goes out now is under way: half a round trip, and longer when more is under way than the
+    // lane has delivered in a round trip lately.
+    duration delivers_in() const;
     // To be used only when no other lane works.
     bool backup() const { return backup_; }
     void set_backup(bool backup) { backup_ = backup; }

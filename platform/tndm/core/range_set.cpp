@@ -32,6 +32,14 @@ void range_set::add(range added) {
     ranges_.emplace_hint(next, added.begin, added.end);
 }
 
+uint64_t range_set::bytes(size_t most) const {
+    uint64_t sum = 0;
+    for (auto at = ranges_.begin(); at != ranges_.end() && most > 0; ++at, --most) {
+        sum += at->second - at->first;
+    }
+    return sum;
+}
+
 void range_set::subtract(range removed) {
     if (removed.empty() || ranges_.empty()) {
         return;

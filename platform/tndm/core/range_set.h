@@ -28,6 +28,8 @@ class range_set {
 
     bool empty() const { return ranges_.empty(); }
     size_t count() const { return ranges_.size(); }
+    // The bytes of the first `most` ranges.
+    uint64_t bytes(size_t most) const;
     bool contains(uint64_t offset) const;
     // The part of `whole` that the set does not hold, in ascending order.
     std::vector<range> missing_from(range whole) const;

@@ -11,15 +11,29 @@ bool works(const lane& other, const lane_map& all) {
     return !other.suspect() && usable(other, all);
 }
 
-duration fastest_rtt(const lane& asking, const lane_map& all) {
-    duration fastest = asking.rtt();
-    for (const auto& [id, other] : all) {
-        if (works(other, all)) {
-            fastest = std::min(fastest, other.rtt());
+// What the lanes that deliver sooner than `asking` can do together.
+struct faster_lanes {
+    faster_lanes(const lane& asking, const lane_map& all) : nearest(asking.delivers_in()) {
+        for (const auto& [id, other] : all) {
+            if (id == asking.id() || !works(other, all) || other.delivers_in() >= asking.delivers_in()) {
+                continue;
+            }
+            any = true;
+            unknown = unknown || other.rate() == 0;
+            rate += static_cast<double>(other.rate());
+            nearest = std::min(nearest, other.delivers_in());
         }
     }
-    return fastest;
-}
+    // When the last of so many bytes will have arrived, if they carry all of them.
+    std::chrono::duration<double> deliver_in(uint64_t bytes, double patience) const {
+        return std::chrono::duration<double>(static_cast<double>(bytes) / rate) * patience + nearest;
+    }
+
+    bool any = false;
+    bool unknown = false;  // one of them has not delivered anything yet
+    double rate = 0;
+    duration nearest;
+};
 
 class sooner_first_schedule final : public schedule {
   public:
@@ -27,35 +41,26 @@ class sooner_first_schedule final : public schedule {
     // longer than the way over this lane, then this lane's bytes arrive before they would otherwise: it helps. While it
     // is left alone the faster ones have work, so nothing is idle that matters.
     bool may_take_fresh(const lane& asking, const lane_map& all, uint64_t backlog) const override {
-        double faster_rate = 0;
-        duration nearest = asking.rtt();
-        for (const auto& [id, other] : all) {
-            if (id == asking.id() || !works(other, all) || other.rtt() >= asking.rtt()) {
-                continue;
-            }
-            if (other.rate() == 0) {
-                return true;  // nothing is known of it yet
-            }
-            faster_rate += static_cast<double>(other.rate());
-            nearest = std::min(nearest, other.rtt());
-        }
-        if (faster_rate <= 0) {
-            return true;
-        }
-        const std::chrono::duration<double> drain(static_cast<double>(backlog) / faster_rate);
-        return drain * patience + nearest / 2 >= asking.rtt() / 2;
+        const faster_lanes faster(asking, all);
+        return !faster.any || faster.unknown || faster.deliver_in(backlog, patience) >= asking.delivers_in();
     }
 
-    instant may_take_waiting_at(const lane& asking, const lane_map& all, instant since) const override {
-        return since + (asking.rtt() - fastest_rtt(asking, all)) / 2;
+    // A faster lane may be much the slower one in bytes a second: what has to be sent again must not queue up for it.
+    instant may_take_waiting_at(const lane& asking, const lane_map& all, instant since,
+                                uint64_t waiting) const override {
+        const faster_lanes faster(asking, all);
+        const bool helps = waiting > 0 && faster.any && faster.deliver_in(waiting, 1) >= asking.delivers_in();
+        return helps ? since : since + (asking.delivers_in() - faster.nearest);
     }
 
     // Worth it when the copy would arrive before the original can have, or when the original's acknowledgement is
     // overdue.
-    bool may_copy(const lane& asking, const lane& owing, const transmission& sent, instant now) const override {
+    instant may_copy_at(const lane& asking, const lane& owing, const transmission& sent, instant now) const override {
+        if (asking.rtt() >= owing.rtt()) {
+            return never;
+        }
         const bool sooner = now + asking.rtt() / 2 + asking.rtt() / 8 < sent.sent_at + owing.rtt() / 2;
-        const bool overdue = now > sent.sent_at + owing.rtt() + owing.variation() * 2;
-        return asking.rtt() < owing.rtt() && (sooner || overdue);
+        return sooner ? now : sent.sent_at + owing.rtt() + owing.variation() * 2;
     }
 
     bool copies_first() const override { return false; }
@@ -69,8 +74,8 @@ class sooner_first_schedule final : public schedule {
 class redundant_schedule final : public schedule {
   public:
     bool may_take_fresh(const lane&, const lane_map&, uint64_t) const override { return true; }
-    instant may_take_waiting_at(const lane&, const lane_map&, instant since) const override { return since; }
-    bool may_copy(const lane&, const lane&, const transmission&, instant) const override { return true; }
+    instant may_take_waiting_at(const lane&, const lane_map&, instant since, uint64_t) const override { return since; }
+    instant may_copy_at(const lane&, const lane&, const transmission&, instant now) const override { return now; }
     bool copies_first() const override { return true; }
 };
 

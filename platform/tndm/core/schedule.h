@@ -26,12 +26,13 @@ class schedule {
 
     // Whether `asking` may take bytes that were never sent, `backlog` of which wait.
     virtual bool may_take_fresh(const lane& asking, const lane_map& all, uint64_t backlog) const = 0;
-    // From when on `asking` may take bytes that have waited to be sent again since `since`; a faster lane is preferred
+    // From when on `asking` may take some of `waiting` bytes that have waited since `since`; faster lanes are preferred
     // until then.
-    virtual instant may_take_waiting_at(const lane& asking, const lane_map& all, instant since) const = 0;
-    // Whether `asking`, which has nothing else to do, should carry another copy of what `owing` sent and has not heard
-    // of.
-    virtual bool may_copy(const lane& asking, const lane& owing, const transmission& sent, instant now) const = 0;
+    virtual instant may_take_waiting_at(const lane& asking, const lane_map& all, instant since,
+                                        uint64_t waiting) const = 0;
+    // From when on `asking`, which has nothing else to do, should carry another copy of what `owing` sent and has not
+    // heard of; never when it should not.
+    virtual instant may_copy_at(const lane& asking, const lane& owing, const transmission& sent, instant now) const = 0;
     // Copies go before bytes that were never sent.
     virtual bool copies_first() const = 0;
 };

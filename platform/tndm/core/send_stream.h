@@ -50,6 +50,8 @@ class send_stream {
     void mark_fresh_sent(range sent) { next_ = sent.end; }
 
     bool has_resend() const { return !resend_.empty(); }
+    // Bytes in line to be sent again, as far as the first few ranges tell.
+    uint64_t resend_bytes() const { return resend_.bytes(16); }
     // Since when the first range of `resend` has waited.
     instant resend_since() const { return resend_since_; }
     range resend(uint64_t max) const;
