@@ -7,8 +7,8 @@
 #include <optional>
 #include <vector>
 
+#include "app/client_forwards.h"
 #include "app/failure.h"
-#include "app/listener.h"
 #include "app/local_path.h"
 #include "app/main_loop.h"
 #include "app/secret_file.h"
@@ -36,6 +36,18 @@ identity_t to_identity(const client_command_t& command) {
     return {"default", read_secret_file(command.link.secret_file), "tandem/" TANDEM_VERSION, machine};
 }
 
+// The forwards, none of which may lead the link into itself.
+forwards_t checked_forwards(const client_command_t& command) {
+    std::vector<std::string> paths;
+    for (const std::string& path : command.paths)
+        paths.push_back(path_name(path));
+    for (const std::string& address : numeric_addresses(command.server.host)) {
+        const std::string fault = swallowed_server(command.forwards, address, paths);
+        if (!fault.empty()) throw failure_t("--vpn: " + fault, exit_usage);
+    }
+    return command.forwards;
+}
+
 // One run of the client. Everything happens on the main thread: the observer's calls and the problems come from inside
 // run().
 class client_t : public client_observer_t {
@@ -59,8 +71,7 @@ class client_t : public client_observer_t {
     const client_command_t& command_;
     const standard_streams_t& streams_;
     const identity_t identity_;
-    std::vector<listener_t> listeners_;
-    std::vector<listening_forward_t> forwards_;
+    client_forwards_t forwards_;
     bool was_authorized_ = false;    // ever
     bool reported_problem_ = false;  // since the last time that the server let us in
     bool stopping_ = false;
@@ -72,12 +83,7 @@ class client_t : public client_observer_t {
 };
 
 client_t::client_t(const client_command_t& command, const standard_streams_t& streams)
-    : command_(command), streams_(streams), identity_(to_identity(command)) {
-    for (const tcp_forward_t& forward : command.forwards) {
-        listeners_.emplace_back(forward.listen);
-        forwards_.push_back({listeners_.back().socket.fd(), forward.target.host, forward.target.port});
-    }
-}
+    : command_(command), streams_(streams), identity_(to_identity(command)), forwards_(checked_forwards(command)) {}
 
 // Of trouble.
 void client_t::say(const std::string& line) const {
@@ -98,7 +104,7 @@ void client_t::start() {
                                            !command_.link.log_file.empty());
     }
     link_.register_connection_context_factory([this](void* instance, void* connection, const std::string&) {
-        auto made = std::make_shared<client_context_t>(loop_.get(), identity_, forwards_, *this);
+        auto made = std::make_shared<client_context_t>(loop_.get(), identity_, forwards_.lent(), *this);
         if (watch_) watch_->add(instance, connection, made, [this] { return command_.server.text(); });
         return made;
     });
@@ -133,14 +139,15 @@ int client_t::run() {
 
 void client_t::on_authorized() {
     reported_problem_ = false;
+    for (const std::string& fault : forwards_.connected())
+        say(fault);
     if (was_authorized_) {
         tell("reconnected");
         return;
     }
     was_authorized_ = true;
-    for (size_t i = 0; i < listeners_.size(); ++i) {
-        tell("forwarding tcp " + listeners_[i].where.text() + " -> " + command_.forwards[i].target.text());
-    }
+    for (const std::string& line : forwards_.lines())
+        tell(line);
 }
 
 void client_t::on_refused(int code, const std::string& message) {

@@ -20,7 +20,8 @@ struct typed_t {
     cert_command_t cert;
     std::string host;
     std::string listen = std::to_string(default_port);
-    std::vector<std::string> forwards;
+    typed_forwards_t forwards;
+    std::vector<std::string> vpn_rules;
     std::string watch;
 };
 
@@ -48,6 +49,13 @@ CLI::App* add_server(CLI::App& app, typed_t& typed) {
     command->add_option("--key", typed.server.key_file, "The certificate's private key (PEM)")
         ->required()
         ->type_name("FILE");
+    command
+        ->add_option("--allow-vpn", typed.vpn_rules,
+                     "What a client may have of a VPN interface here, CLIENT;option:values;..., or * for every client; "
+                     "nothing without it; repeat it for more")
+        ->expected(1)
+        ->take_all()
+        ->type_name("RULE");
     command->add_option("--listen", typed.listen, "UDP port")->capture_default_str()->type_name("PORT");
     add_link_options(*command, typed.server.link, typed.watch);
     return command;
@@ -66,11 +74,7 @@ CLI::App* add_client(CLI::App& app, typed_t& typed) {
         ->expected(1)
         ->take_all()
         ->type_name("PATH");
-    command->add_option("--tcp", typed.forwards, "Listen on [ADDR:]PORT here, connect to HOST:PORT from the server")
-        ->required()
-        ->expected(1)
-        ->take_all()
-        ->type_name("[ADDR:]PORT=HOST:PORT");
+    add_forward_options(*command, typed.forwards);
     command
         ->add_option("--trust", typed.client.trust,
                      "How to know the server: pin:HEX, ca:FILE, name:TEXT, insecure:yes, parted by ';'")
@@ -113,6 +117,10 @@ server_command_t checked_server(typed_t& typed) {
     const auto port = parse_port(typed.listen);
     if (!port) throw bad_value("--listen", typed.listen, "give a UDP port from 1 to 65535");
     typed.server.listen_port = *port;
+    for (const std::string& rule : typed.vpn_rules) {
+        if (const std::string fault = typed.server.vpn_rules.add(rule); !fault.empty())
+            throw bad_value("--allow-vpn", rule, fault);
+    }
     return typed.server;
 }
 
@@ -135,11 +143,7 @@ client_command_t checked_client(typed_t& typed) {
     check_paths(client.paths);
     if (client.schedule != "default" && client.schedule != "redundant")
         throw bad_value("--schedule", client.schedule, "choose default or redundant");
-    for (const std::string& text : typed.forwards) {
-        const auto forward = parse_tcp_forward(text);
-        if (!forward) throw bad_value("--tcp", text, "write [ADDR:]PORT=HOST:PORT, for example 8080=127.0.0.1:80");
-        client.forwards.push_back(*forward);
-    }
+    client.forwards = checked_forwards(typed.forwards);
     if (const std::string fault = trust_fault(client.trust); !fault.empty())
         throw bad_value("--trust", client.trust, fault);
     return client;

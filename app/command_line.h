@@ -7,6 +7,8 @@
 #include <vector>
 
 #include "app/endpoint.h"
+#include "app/forward_options.h"
+#include "gateway/vpn_rules.h"
 
 namespace tandem::app {
 
@@ -29,13 +31,14 @@ struct server_command_t {
     std::string cert_file;
     std::string key_file;
     uint16_t listen_port = default_port;
+    vpn_rules_t vpn_rules;
 };
 
 struct client_command_t {
     link_settings_t link;
     endpoint_t server;
     std::vector<std::string> paths;
-    std::vector<tcp_forward_t> forwards;
+    forwards_t forwards;
     std::string trust;
     std::string schedule = "default";
 };

@@ -52,14 +52,21 @@ const char* cure(int error) {
 
 }  // namespace
 
-listener_t::listener_t(const endpoint_t& address) : where(address) {
+listener_t::listener_t(const endpoint_t& address, int type) : where(address) {
+    // Room for a burst of datagrams while the loop is busy.
+    constexpr int receive_buffer = 1 << 20;
+    const bool tcp = type == SOCK_STREAM;
     socket_address_t target = to_socket_address(address);
-    socket = file_t(::socket(target.storage.ss_family, SOCK_STREAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
+    socket = file_t(::socket(target.storage.ss_family, type | SOCK_NONBLOCK | SOCK_CLOEXEC, 0));
     const int on = 1;
-    if (!socket || setsockopt(socket.fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on)) != 0 ||
-        bind(socket.fd(), target.get(), target.length) != 0 || listen(socket.fd(), SOMAXCONN) != 0) {
+    // Two programs could have one UDP port with it, each hearing some of what comes.
+    if (tcp) setsockopt(socket.fd(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
+    if (!tcp) setsockopt(socket.fd(), SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof(receive_buffer));
+    if (!socket || bind(socket.fd(), target.get(), target.length) != 0 ||
+        (tcp && listen(socket.fd(), SOMAXCONN) != 0)) {
         const int error = errno;
-        throw failure_t("--tcp: cannot listen on TCP " + address.text() + " (" + strerror(error) + "); " + cure(error));
+        throw failure_t((tcp ? "--tcp: cannot listen on TCP " : "--udp: cannot listen on UDP ") + address.text() +
+                        " (" + strerror(error) + "); " + cure(error));
     }
     where.port = bound_port(socket.fd());
 }

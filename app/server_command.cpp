@@ -12,6 +12,7 @@
 #include "app/file.h"
 #include "app/main_loop.h"
 #include "app/secret_file.h"
+#include "app/vpn_server.h"
 #include "app/watch.h"
 #include "gateway/gateway_context.h"
 #include "link/link.h"
@@ -52,6 +53,7 @@ int run_server(const server_command_t& command, const standard_streams_t& stream
     const auto authorizer = std::make_shared<secret_authorizer_t>(read_secret_file(command.link.secret_file));
     check_key_pair(command.cert_file, command.key_file);
 
+    const auto vpn = std::make_shared<vpn_server_t>(std::make_shared<vpn_rules_t>(command.vpn_rules));
     main_loop_t loop;
     std::unique_ptr<watch_t> watch;
     if (command.link.watch != watch_mode_t::none) {
@@ -61,6 +63,7 @@ int run_server(const server_command_t& command, const standard_streams_t& stream
     link_t link;
     link.register_connection_context_factory([&](void* instance, void* connection, const std::string&) {
         auto made = std::make_shared<gateway_context_t>(loop.get(), authorizer);
+        made->set_vpn_host(vpn);
         if (watch) watch->add(instance, connection, made, [of = made.get()] { return of->client_machine(); });
         return made;
     });

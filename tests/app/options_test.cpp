@@ -80,8 +80,8 @@ TEST(command_line, fills_the_commands_and_their_defaults) {
         {"--path", "10.0.0.1", "--tcp", "[::1]:81=h:82", "--alpn", "x", "--congestion", "cubic", "--log", "l"})));
     EXPECT_EQ(client.server.text(), "host:14002");
     EXPECT_EQ(client.paths, (std::vector<std::string>{"eth0", "10.0.0.1"}));
-    ASSERT_EQ(client.forwards.size(), 2U);
-    EXPECT_EQ(client.forwards[1].listen.text(), "[::1]:81");
+    ASSERT_EQ(client.forwards.tcp.size(), 2U);
+    EXPECT_EQ(client.forwards.tcp[1].listen.text(), "[::1]:81");
     EXPECT_EQ(client.link.log_file, "l");
 
     const auto cert = std::get<cert_command_t>(parse({"cert", "--out", "d", "--name", "a", "--name", "::1"}));
