@@ -283,6 +283,9 @@ int client_side::start(uint16_t port, const std::string& host) {
     record.statistics = statistics_cb;
     tndm_set_writable_callback(instance(), writable_cb);
     tndm_set_problem_callback(instance(), problem_cb);
+    if (settings_.schedule != nullptr) {
+        EXPECT_EQ(tndm_set_schedule(instance(), settings_.schedule), 0);
+    }
     return tndm_start_client(instance(), host.c_str(), port, &record);
 }
 

@@ -76,6 +76,7 @@ struct settings {
     std::string trust = "insecure:yes";
     uint32_t linger_seconds = 30;
     uint32_t statistics_ms = 0;
+    const char* schedule = nullptr;
 };
 
 // One end. Every `wait` looks at the record again after each callback.

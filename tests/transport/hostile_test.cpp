@@ -374,6 +374,32 @@ TEST_F(hostile, a_peer_that_takes_no_datagrams_harms_only_itself) {
     }
 }
 
+// Nothing may be sent on such a lane, so nothing else would show that its path has died.
+TEST_F(hostile, a_lane_that_never_gets_ready_is_given_up) {
+    expect_intact();
+    quic_peer peer(server->port());
+    ASSERT_TRUE(peer.handshake());
+    peer.say(control::hello{"mute", {100, 1 << 20, 4 << 20}, 1});
+    ASSERT_TRUE(peer.next_message());
+    void* const connection = server->look([&] { return server->established.back(); });
+    ASSERT_NE(connection, at_server);
+    // Five seconds, and the time that a connection outlives its last lane.
+    EXPECT_TRUE(server->disconnected(connection, 10s));
+}
+
+// A client may say that any lane is gone; only lanes of its own connection are.
+TEST_F(hostile, a_stranger_cannot_take_lanes_away) {
+    quic_peer peer(server->port());
+    ASSERT_TRUE(peer.handshake());
+    ASSERT_TRUE(peer.join_new());
+    for (uint32_t number = 0; number < 1000; ++number) {
+        peer.say(control::gone{number});
+    }
+    peer.idle(300ms);
+    EXPECT_EQ(server->paths(at_server).size(), two_paths.size());
+    expect_intact();
+}
+
 // It says hello and then nothing. The server, which keeps its connections alive, must not spin until it hears more.
 TEST_F(hostile, a_peer_that_never_gets_ready_costs_no_time) {
     expect_intact();
