@@ -167,6 +167,7 @@ class subflow {
     written write_acknowledgements(core::instant now, std::span<uint8_t> out);
     written write_idle(core::instant now, std::span<uint8_t> out);
     written finish_write(ngtcp2_ssize result, const ngtcp2_pkt_info& info);
+    void bound_pace(const ngtcp2_conn_stat& stat);
     void raise_anchor();
     void take_over_path();
     size_t largest_datagram(bool anchored) const;
@@ -209,7 +210,10 @@ class subflow {
     bool unanchored_ = false;     // datagrams went out behind the last anchor
     unsigned probes_due_ = 0;     // packets that must carry an anchor and, if possible, a copy of old bytes
     size_t pto_count_ = 0;
-    uint64_t window_ = 0;  // congestion window when the flush began
+    uint64_t window_ = 0;         // congestion window when the flush began
+    double pace_ = 0;             // our bound on the pace, bytes a nanosecond; 0: none yet
+    core::instant pace_until_{};  // nothing of the bundle's goes out before that
+    bool held_back_ = false;      // something waits for it
 
     // Black holes: the library finds a path's MTU but never notices that it has shrunk.
     unsigned large_losses_ = 0;        // times that large chunks were lost while no large one arrived

@@ -29,6 +29,10 @@ constexpr size_t anchor_room = 5;
 constexpr size_t acknowledgement_room = 20;
 constexpr size_t smallest_payload = 1200;
 constexpr size_t largest_packet = 1452;
+// Windows below this are filled to the brim (see chunk_room).
+constexpr uint64_t small_window = 128 * largest_packet;
+// How many windows may leave in a round trip at the most.
+constexpr double windows_a_round = 2;
 
 ngtcp2_tstamp stamp(core::instant now) {
     return static_cast<ngtcp2_tstamp>(now.time_since_epoch().count());
@@ -48,22 +52,40 @@ void subflow::flush(core::instant now, std::span<uint8_t> buffer, const batch_si
     if (bundle_ != nullptr) {
         const ngtcp2_conn_stat stat = statistics();
         window_ = stat.cwnd;
+        bound_pace(stat);
         if (stat.first_rtt_sample_ts != UINT64_MAX) {
             bundle_->set_rtt(lane_, core::duration(stat.smoothed_rtt), core::duration(stat.rttvar));
             bundle_->set_rate(lane_, stat.delivery_rate_sec);
         }
     }
+    held_back_ = false;
+    const uint64_t first = bundle_ == nullptr ? 0 : bundle_->next_id(lane_);
     for (bool more = true; more && !ended_;) {
         more = write_batch(now, buffer, sink);
         ngtcp2_conn_update_pkt_tx_time(connection_, stamp(now));
     }
     update_deadline();
+    // What went out just now has armed the library's own pacing, which is the slower one most of the time.
+    const bool armed = bundle_ != nullptr && bundle_->next_id(lane_) != first && deadline_ > now;
+    if (held_back_ && !ended_ && !armed) {
+        deadline_ = deadline_ > now ? std::min(deadline_, pace_until_) : pace_until_;
+    }
+}
+
+// The library's pacing alone does not keep a window from leaving in one burst, which a short queue drowns: until it has
+// filled the pipe it counts with a round trip of a millisecond, and afterwards each acknowledgement lets go what waits.
+void subflow::bound_pace(const ngtcp2_conn_stat& stat) {
+    const bool known = handshake_completed_ && stat.first_rtt_sample_ts != UINT64_MAX && stat.smoothed_rtt > 0;
+    pace_ = known ? windows_a_round * static_cast<double>(stat.cwnd) / static_cast<double>(stat.smoothed_rtt) : 0;
 }
 
 // Writes up to one send quantum and hands it over in runs of equal-sized packets. True when there may be more to send,
 // pacing permitting.
 bool subflow::write_batch(core::instant now, std::span<uint8_t> buffer, const batch_sink& sink) {
-    const size_t quantum = std::max<size_t>(ngtcp2_conn_get_send_quantum(connection_), largest_packet);
+    size_t quantum = std::max<size_t>(ngtcp2_conn_get_send_quantum(connection_), largest_packet);
+    if (pace_ > 0) {
+        quantum = std::min(quantum, std::max(2 * largest_packet, static_cast<size_t>(pace_ * NGTCP2_MILLISECONDS)));
+    }
     const size_t limit = std::min(buffer.size(), quantum);
     size_t begin = 0;
     size_t end = 0;
@@ -101,6 +123,9 @@ bool subflow::write_batch(core::instant now, std::span<uint8_t> buffer, const ba
         }
     }
     hand_over();
+    if (pace_ > 0) {
+        pace_until_ = now + core::duration(static_cast<core::duration::rep>(static_cast<double>(end) / pace_));
+    }
     return open;
 }
 
@@ -129,7 +154,8 @@ subflow::written subflow::write_packet(core::instant now, std::span<uint8_t> out
     }
     const core::lane* lane = bundle_->find_lane(lane_);
     const bool suspect = lane != nullptr && lane->suspect();
-    if (suspect || chunk_room(1)) {
+    held_back_ = !suspect && pace_ > 0 && now < pace_until_;
+    if (suspect || (!held_back_ && chunk_room(1))) {
         const bool tail = last_of_batch || !chunk_room(2);
         const size_t largest = largest_datagram(tail);
         if (const auto datagram = bundle_->next(lane_, largest, now)) {
@@ -172,9 +198,16 @@ size_t subflow::largest_datagram(bool anchored) const {
 
 // Whether the window has room for so many full packets and, behind them, for the probes that a dark path will need: a
 // window filled to the brim cannot even ask whether the path has come back.
+//
+// A small window has no room to spare. The library raises its idea of what the path holds only after the window was
+// full; never quite filled, it shrinks with each loss to a few packets a round trip and stays there. A path so slow
+// waits for a fresh carrier.
 bool subflow::chunk_room(size_t packets) const {
-    const uint64_t reserve = std::min<uint64_t>(4 * largest_packet, window_ / 4);
-    return ngtcp2_conn_get_cwnd_left(connection_) >= reserve + packets * largest_packet;
+    const uint64_t left = ngtcp2_conn_get_cwnd_left(connection_);
+    if (window_ < small_window) {
+        return left > (packets - 1) * largest_packet;
+    }
+    return left >= (4 + packets) * largest_packet;
 }
 
 subflow::written subflow::write_control_stream(core::instant now, std::span<uint8_t> out) {
