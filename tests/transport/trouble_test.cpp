@@ -85,7 +85,7 @@ TEST_P(blackout, is_over_soon_after_light_returns) {
     ASSERT_TRUE(server->received(at_server, stream, std::min<uint64_t>(before + 1, size), false));
     const double back_after = seconds_since(light);
     RecordProperty("back_after_ms", static_cast<int>(back_after * 1000));
-    // A subflow opened while it is dark repeats its first packet every 450 ms at least.
+    // A subflow opened while it is dark repeats its first packet every 360 ms at least.
     EXPECT_LT(back_after, count == 1 ? 1.0 : 1.0 * static_cast<double>(scale));
     expect_intact();
     // The path itself is back in use.

@@ -11,12 +11,12 @@ namespace {
 
 using std::chrono::milliseconds;
 
-// On a path whose round trip is known a handshake repeats its first packet after about 150, 450 and 1050 ms and is
-// given up soon, so that the light finds one under way; so often in a row, then ever more rarely. Its round trip may
-// have grown meanwhile, so patience doubles now and then.
+// On a path whose round trip is known (here the shortest) a handshake repeats its first packet after 90, 270 and 630 ms
+// and is given up soon, so that the light finds one under way; so often in a row, then ever more rarely. The round trip
+// may have grown meanwhile, so patience doubles now and then.
 constexpr core::duration shortest_patience = milliseconds(900);
 constexpr core::duration longest_patience = std::chrono::seconds(8);
-constexpr core::duration shortest_first_rtt = milliseconds(50);
+constexpr core::duration shortest_first_rtt = milliseconds(30);
 constexpr core::duration longest_first_rtt = milliseconds(333);
 constexpr unsigned quick_tries = 16;
 constexpr milliseconds quick_pause{50};
