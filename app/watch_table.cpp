@@ -1,4 +1,5 @@
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 
 #include "app/failure.h"
@@ -21,7 +22,7 @@ std::string number(double value, const char* unit) {
 std::string bit_rate(double bytes_a_second) {
     const double bits = bytes_a_second * 8;
     if (bits < 0.5) return "0";
-    if (bits < 999.5) return std::to_string(static_cast<unsigned>(bits + 0.5)) + " bit/s";
+    if (bits < 999.5) return std::to_string(std::lround(bits)) + " bit/s";
     if (bits < 999.5e3) return number(bits / 1e3, "kbit/s");
     return bits < 999.5e6 ? number(bits / 1e6, "Mbit/s") : number(bits / 1e9, "Gbit/s");
 }
