@@ -35,7 +35,7 @@ void carrier::pull(instant now) {
         const size_t reserve = lane->suspect() ? 0 : std::min(4 * full_packet(), window() / 4);
         const size_t needed = lane->suspect() ? packet{}.size() + 1 : full_packet();
         if (bytes_in_flight_ + reserve + needed > window()) {
-            if (lane->suspect() && lane->probe_due(now)) {
+            if (lane->probe_due(now)) {
                 owner_.probe_refused(lane_, now);
             }
             return;

@@ -217,6 +217,7 @@ class bundle {
     std::optional<outgoing> next_copy(lane& l, size_t room, instant now);
     const stream* fresh_turn(unsigned which) const;
     bool may_take_fresh(unsigned which, const lane& l) const;
+    bool lags_behind(const lane& l) const;
     std::optional<outgoing> chunk_of(const stream& s, range part, size_t room) const;
     void chunk_sent(lane& l, stream& s, const outgoing& datagram);
     std::optional<wire::preface> preface_for(const stream& s) const;

@@ -339,6 +339,13 @@ std::optional<outgoing> bundle::probe_copy(lane_id id, size_t room) const {
     return std::nullopt;
 }
 
+// A lane that repeats what the others carry is not idle while it lags behind them.
+bool bundle::lags_behind(const lane& l) const {
+    return schedule_->copies_first() && std::any_of(lanes_.begin(), lanes_.end(), [&](const auto& entry) {
+               return entry.first != l.id() && l.copied_up_to(entry.first) < entry.second.in_flight().next_id();
+           });
+}
+
 bool bundle::has_more(lane_id id) const {
     const lane* l = find_lane(id);
     if (l == nullptr || l->suspect() || !usable(*l, lanes_)) {
@@ -346,7 +353,7 @@ bool bundle::has_more(lane_id id) const {
     }
     return window_dirty_ || streams_dirty_[0] || streams_dirty_[1] || !stream_windows_dirty_.empty() ||
            !resend_.empty() || (fresh_turn(prompt) != nullptr && may_take_fresh(prompt, *l)) ||
-           (fresh_turn(bulk) != nullptr && may_take_fresh(bulk, *l));
+           (fresh_turn(bulk) != nullptr && may_take_fresh(bulk, *l)) || lags_behind(*l);
 }
 
 uint64_t bundle::next_id(lane_id id) const {

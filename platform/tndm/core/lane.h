@@ -98,6 +98,10 @@ class lane {
     lane_counters& counters() { return counters_; }
     // How far this lane has looked through another one's flight for something to copy.
     uint64_t& copied_up_to(lane_id other) { return copied_up_to_[other]; }
+    uint64_t copied_up_to(lane_id other) const {
+        const auto found = copied_up_to_.find(other);
+        return found == copied_up_to_.end() ? 0 : found->second;
+    }
 
   private:
     static constexpr duration overdue_after = std::chrono::seconds(5);
