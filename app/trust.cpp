@@ -37,7 +37,7 @@ std::string_view take_pair(std::string_view& text) {
 
 std::string trust_fault(std::string_view text) {
     if (text.size() > longest_text) return "at most 127 bytes fit; use a shorter file name";
-    if (std::any_of(text.begin(), text.end(), [](char c) { return c >= 0 && c < ' '; }))
+    if (std::any_of(text.begin(), text.end(), [](unsigned char c) { return c < ' '; }))
         return "remove the control characters";
     while (!text.empty()) {
         const std::string_view pair = take_pair(text);

@@ -228,7 +228,7 @@ bool simulator::send(host& from, uint64_t stream, uint64_t bytes, bool last) {
     uint64_t offset = outbox == from.sent.end() ? 0 : outbox->second.bytes;
     uint64_t rest = bytes;
     do {
-        const uint64_t piece = std::min<uint64_t>(rest, 60000);
+        const auto piece = static_cast<size_t>(std::min<uint64_t>(rest, 60000));
         rest -= piece;
         auto block = buffer::copy_of({pattern(from.role_, stream, offset), piece});
         if (!from.bundle.queue(stream, std::move(block), last && rest == 0)) {

@@ -48,7 +48,8 @@ void bundle::on_frame(const wire::stream_window& frame) {
 }
 
 void bundle::on_frame(const wire::streams& frame) {
-    local_credit_[frame.kind] = std::max(local_credit_[frame.kind], frame.count);
+    uint64_t& credit = local_credit_[static_cast<size_t>(frame.kind)];
+    credit = std::max(credit, frame.count);
 }
 
 void bundle::on_chunk(const wire::chunk& chunk, instant now) {

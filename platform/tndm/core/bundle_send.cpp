@@ -75,7 +75,7 @@ void bundle::requeue(lane& from, transmission& record, instant now) {
             window_dirty_ = true;
             break;
         case content::streams:
-            streams_dirty_[record.stream] = true;
+            streams_dirty_[static_cast<size_t>(record.stream)] = true;
             break;
         case content::stream_window:
             if (stream* s = find(record.stream); s != nullptr && !s->window_dirty) {
@@ -379,7 +379,7 @@ void bundle::sent(lane_id id, const outgoing& datagram, instant now) {
             window_dirty_ = false;
             break;
         case content::streams:
-            streams_dirty_[record.stream] = false;
+            streams_dirty_[static_cast<size_t>(record.stream)] = false;
             break;
         case content::stream_window:
             stream_windows_dirty_.pop_front();

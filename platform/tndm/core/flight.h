@@ -2,6 +2,7 @@
 #ifndef TANDEM_PLATFORM_TNDM_CORE_FLIGHT_H
 #define TANDEM_PLATFORM_TNDM_CORE_FLIGHT_H
 
+#include <cstddef>
 #include <cstdint>
 #include <utility>
 #include <vector>
@@ -41,28 +42,30 @@ class flight {
         if (end_ - begin_ == ring_.size()) {
             grow();
         }
-        ring_[end_ & (ring_.size() - 1)] = sent;
+        ring_[slot(end_)] = sent;
         ++end_;
         ++outstanding_;
     }
     // Null for an id that is resolved and forgotten, or was never used.
-    transmission* find(uint64_t id) { return id >= begin_ && id < end_ ? &ring_[id & (ring_.size() - 1)] : nullptr; }
+    transmission* find(uint64_t id) { return id >= begin_ && id < end_ ? &ring_[slot(id)] : nullptr; }
     const transmission* find(uint64_t id) const { return const_cast<flight*>(this)->find(id); }
     void set(transmission& record, fate state) {
         if (record.state == fate::in_flight) {
             --outstanding_;
         }
         record.state = state;
-        while (begin_ != end_ && ring_[begin_ & (ring_.size() - 1)].state == fate::resolved) {
+        while (begin_ != end_ && ring_[slot(begin_)].state == fate::resolved) {
             ++begin_;
         }
     }
 
   private:
+    // The ring's size is a power of two.
+    size_t slot(uint64_t id) const { return static_cast<size_t>(id) & (ring_.size() - 1); }
     void grow() {
         std::vector<transmission> larger(ring_.size() * 2);
         for (uint64_t id = begin_; id != end_; ++id) {
-            larger[id & (larger.size() - 1)] = ring_[id & (ring_.size() - 1)];
+            larger[static_cast<size_t>(id) & (larger.size() - 1)] = ring_[slot(id)];
         }
         ring_ = std::move(larger);
     }

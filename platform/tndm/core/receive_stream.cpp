@@ -29,7 +29,7 @@ receive_stream::result receive_stream::receive(uint64_t offset, std::span<const 
         return result::ok;
     }
     if (offset < next_) {
-        bytes = bytes.subspan(next_ - offset);
+        bytes = bytes.subspan(static_cast<size_t>(next_ - offset));
         offset = next_;
     }
     if (offset == next_) {
@@ -50,7 +50,7 @@ void receive_stream::store(uint64_t offset, std::span<const uint8_t> bytes) {
             auto& [begin, run] = *std::prev(after);
             const uint64_t run_end = begin + run.size();
             if (run_end > offset) {
-                const uint64_t known = std::min<uint64_t>(run_end - offset, bytes.size());
+                const auto known = static_cast<size_t>(std::min<uint64_t>(run_end - offset, bytes.size()));
                 bytes = bytes.subspan(known);
                 offset += known;
                 if (bytes.empty()) {
@@ -59,7 +59,7 @@ void receive_stream::store(uint64_t offset, std::span<const uint8_t> bytes) {
             }
         }
         const uint64_t room = after == waiting_.end() ? bytes.size() : after->first - offset;
-        const auto fresh = bytes.first(std::min<uint64_t>(room, bytes.size()));
+        const auto fresh = bytes.first(static_cast<size_t>(std::min<uint64_t>(room, bytes.size())));
         if (!fresh.empty()) {
             const bool touches = after != waiting_.begin() &&
                                  std::prev(after)->first + std::prev(after)->second.size() == offset &&

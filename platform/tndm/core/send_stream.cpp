@@ -93,8 +93,8 @@ pieces send_stream::gather(range wanted) const {
     for (size_t i = find(wanted.begin); i < segments_.size() && found.count < pieces::max_count && !wanted.empty();
          ++i) {
         const segment& from = segments_[i];
-        const uint64_t take = std::min(from.end(), wanted.end) - wanted.begin;
-        found.parts[found.count++] = from.bytes.bytes().subspan(wanted.begin - from.begin, take);
+        const auto take = static_cast<size_t>(std::min(from.end(), wanted.end) - wanted.begin);
+        found.parts[found.count++] = from.bytes.bytes().subspan(static_cast<size_t>(wanted.begin - from.begin), take);
         found.bytes += take;
         wanted.begin += take;
     }
