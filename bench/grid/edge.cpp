@@ -5,6 +5,10 @@
 
 #include <random>
 
+#ifdef __clang__
+#pragma clang diagnostic ignored "-Wunused-private-field"  // of the classes whose kernel side is not here
+#endif
+
 #include "bench/grid/edge.h"
 #include "bench/grid/world.h"
 #include "platform/tndm/endpoint/reactor.h"
