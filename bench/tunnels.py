@@ -137,6 +137,7 @@ class Tandem(Tunnel):
     paths = ["127.0.0.2"]
     program = None
     congestion = None
+    option = "tcp"
 
     def start(self):
         if not self.program.is_file():
@@ -154,9 +155,9 @@ class Tandem(Tunnel):
         self.wait_for_line("^listening ", log)
         paths = [word for path in self.paths for word in ("--path", path)]
         log = self.spawn("client.out", self.program, "client", f"127.0.0.1:{self.link_port}", "--trust", pin, *paths,
-                         "--tcp", f"127.0.0.1:0=127.0.0.1:{self.target_port}",
+                         f"--{self.option}", f"127.0.0.1:0=127.0.0.1:{self.target_port}",
                          "--log", self.directory / "client.log", *link)
-        self.port = int(self.wait_for_line(r"^forwarding tcp 127\.0\.0\.1:(\d+)", log).group(1))
+        self.port = int(self.wait_for_line(rf"^forwarding {self.option} 127\.0\.0\.1:(\d+)", log).group(1))
 
 
 class TandemTwoPaths(Tandem):
