@@ -129,6 +129,7 @@ std::string vpn_interface_t::run(const std::vector<std::string>& command) const 
             word.replace(at, mark.size(), name_);
     }
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words)
         arguments.push_back(word.data());
     arguments.push_back(nullptr);

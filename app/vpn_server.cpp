@@ -16,7 +16,8 @@ bool vpn_server_t::admit(const std::string& client, const std::string& mode, con
     if (!reason.empty()) return false;
     for (const auto& [option, value] : all) {
         if (policy_->allows_vpn_option(client, option, value == "default" ? "0.0.0.0/0" : value)) continue;
-        reason = "no rule allows " + client + " the option " + option + ":" + value;
+        reason = "no rule allows " + client;
+        reason.append(" the option ").append(option).append(":").append(value);
         return false;
     }
     if (!ifname.empty() && if_nametoindex(ifname.c_str()) != 0) {
