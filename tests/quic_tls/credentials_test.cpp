@@ -161,6 +161,7 @@ TEST(trust, refuses_what_it_does_not_understand) {
         {"insecure:no", "only \"yes\""},
         {"insecure:yes;pin:" + pin, "contradicts"},
         {"name:a;;insecure", "not key:value"},
+        {"two\nlines", "two?lines"},
     };
     for (const auto& [text, part] : cases) {
         std::string error;

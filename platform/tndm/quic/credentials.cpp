@@ -4,6 +4,7 @@
 #include <gnutls/x509.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <span>
@@ -116,6 +117,14 @@ std::string_view trimmed(std::string_view text) {
     return text.substr(first, text.find_last_not_of(blanks) - first + 1);
 }
 
+// What somebody wrote, for a message of one line.
+std::string in_one_line(std::string_view text) {
+    std::string shown(text);
+    std::replace_if(
+        shown.begin(), shown.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+    return shown;
+}
+
 std::span<const uint8_t> bytes_of(std::string_view text) {
     return {reinterpret_cast<const uint8_t*>(text.data()), text.size()};
 }
@@ -212,7 +221,7 @@ std::optional<trust> trust::parse(std::string_view text, const std::string& serv
         if (pair.empty()) continue;
         const size_t colon = pair.find(':');
         if (colon == std::string_view::npos) {
-            error = "trust: \"" + std::string(pair) + "\" is not key:value";
+            error = "trust: \"" + in_one_line(pair) + "\" is not key:value";
             return std::nullopt;
         }
         if (!result.take(trimmed(pair.substr(0, colon)), trimmed(pair.substr(colon + 1)), error)) return std::nullopt;
@@ -227,12 +236,12 @@ std::optional<trust> trust::parse(std::string_view text, const std::string& serv
 bool trust::take(std::string_view key, std::string_view value, std::string& error) {
     const std::string text(value);
     if (text.empty()) {
-        error = "trust: \"" + std::string(key) + "\" has no value";
+        error = "trust: \"" + in_one_line(key) + "\" has no value";
         return false;
     }
     if (key == "ca") {
         if (access(text.c_str(), R_OK) != 0) {
-            error = "trust: cannot read " + text + ": " + std::strerror(errno);
+            error = "trust: cannot read " + in_one_line(text) + ": " + std::strerror(errno);
             return false;
         }
         authority_files_.push_back(text);
@@ -242,7 +251,7 @@ bool trust::take(std::string_view key, std::string_view value, std::string& erro
     } else if (key == "pin") {
         const auto digest = from_hex(value);
         if (!digest) {
-            error = "trust: pin \"" + text + "\" is not 64 hexadecimal digits";
+            error = "trust: pin \"" + in_one_line(text) + "\" is not 64 hexadecimal digits";
             return false;
         }
         pins_.push_back(*digest);
@@ -253,7 +262,7 @@ bool trust::take(std::string_view key, std::string_view value, std::string& erro
         }
         insecure_ = true;
     } else {
-        error = "trust: unknown key \"" + std::string(key) + "\" (known: ca, name, pin, insecure)";
+        error = "trust: unknown key \"" + in_one_line(key) + "\" (known: ca, name, pin, insecure)";
         return false;
     }
     return true;
