@@ -47,6 +47,14 @@ void reset() {
     state().first_instance = state().instances.size();
 }
 
+void purge() {
+    reset();
+    const std::lock_guard lock(state().mutex);
+    state().instances.clear();
+    state().connections.clear();
+    state().first_instance = 0;
+}
+
 std::vector<std::string> calls() {
     const std::lock_guard lock(state().mutex);
     return state().calls;

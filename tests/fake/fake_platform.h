@@ -119,6 +119,8 @@ struct connection_t {
 
 // Forgets everything. Handles from before become dead, not dangling.
 void reset();
+// The same, and gives the memory back: handles from before dangle. For programs that go on for hours.
+void purge();
 
 // The calls of tndm_* and tloop_create in their order, as "create_instance", "add_to_stream 0 1 fin=0", "add_path
 // eth0", ...; look at the functions' definitions for the texts.
