@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <memory>
 #include <optional>
+#include <utility>
 #include <vector>
 
 #include "app/client_forwards.h"
@@ -15,6 +16,7 @@
 #include "app/trust.h"
 #include "app/watch.h"
 #include "gateway/client_context.h"
+#include "gateway/doorkeeper.h"
 #include "link/link.h"
 
 namespace tandem::app {
@@ -33,7 +35,15 @@ options_t to_options(const client_command_t& command) {
 identity_t to_identity(const client_command_t& command) {
     char machine[256] = {};
     if (gethostname(machine, sizeof(machine) - 1) != 0) machine[0] = 0;
-    return {"default", read_secret_file(command.link.secret_file), "tandem/" TANDEM_VERSION, machine};
+    return {command.id, read_secret_file(command.link.secret_file), "tandem/" TANDEM_VERSION, machine};
+}
+
+// What the server may open here.
+client_context_t::guard_t to_guard(const client_command_t& command) {
+    target_rules_t rules(target_rules_t::without_rules_t::deny);
+    for (const std::string& line : command.rules)
+        rules.add(line);
+    return {std::make_shared<rule_book_t>(std::move(rules)), std::make_shared<refusals_t>()};
 }
 
 // The forwards, none of which may lead the link into itself.
@@ -72,6 +82,7 @@ class client_t : public client_observer_t {
     const standard_streams_t& streams_;
     const identity_t identity_;
     client_forwards_t forwards_;
+    const client_context_t::guard_t guard_;
     bool was_authorized_ = false;    // ever
     bool reported_problem_ = false;  // since the last time that the server let us in
     bool stopping_ = false;
@@ -83,7 +94,11 @@ class client_t : public client_observer_t {
 };
 
 client_t::client_t(const client_command_t& command, const standard_streams_t& streams)
-    : command_(command), streams_(streams), identity_(to_identity(command)), forwards_(checked_forwards(command)) {}
+    : command_(command),
+      streams_(streams),
+      identity_(to_identity(command)),
+      forwards_(checked_forwards(command)),
+      guard_(to_guard(command)) {}
 
 // Of trouble.
 void client_t::say(const std::string& line) const {
@@ -104,7 +119,7 @@ void client_t::start() {
                                            !command_.link.log_file.empty());
     }
     link_.register_connection_context_factory([this](void* instance, void* connection, const std::string&) {
-        auto made = std::make_shared<client_context_t>(loop_.get(), identity_, forwards_.lent(), *this);
+        auto made = std::make_shared<client_context_t>(loop_.get(), identity_, forwards_.lent(), *this, guard_);
         if (watch_) watch_->add(instance, connection, made, [this] { return command_.server.text(); });
         return made;
     });
@@ -148,11 +163,17 @@ void client_t::on_authorized() {
     was_authorized_ = true;
     for (const std::string& line : forwards_.lines())
         tell(line);
+    if (forwards_.lines().empty()) tell("connected");
 }
 
 void client_t::on_refused(int code, const std::string& message) {
     const std::string reason = message.empty() ? "code " + std::to_string(code) : printable(message);
-    fail("the server refused this client (" + reason + "); give --secret the same line as the server's");
+    if (code == verdict_t::try_later) {
+        if (!std::exchange(reported_problem_, true)) say("the server refused this client (" + reason + "); trying on");
+        return;
+    }
+    fail("the server refused this client (" + reason +
+         "); give --secret the line that the server has for it, and --id the name");
 }
 
 void client_t::on_disconnected(bool was_authorized) {

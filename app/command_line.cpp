@@ -7,6 +7,7 @@
 #include "app/failure.h"
 #include "app/local_path.h"
 #include "app/trust.h"
+#include "gateway/user_list.h"
 
 namespace tandem::app {
 namespace {
@@ -21,6 +22,9 @@ struct typed_t {
     std::string host;
     std::string listen = std::to_string(default_port);
     typed_forwards_t forwards;
+    typed_gateway_t gateway;
+    std::vector<std::string> allowed;
+    user_command_t user;
     std::vector<std::string> vpn_rules;
     std::string watch;
 };
@@ -28,7 +32,6 @@ struct typed_t {
 void add_link_options(CLI::App& command, link_settings_t& link, std::string& watch) {
     command
         .add_option("--secret", link.secret_file, "File of one line, readable by this user only, the same on both ends")
-        ->required()
         ->type_name("FILE");
     command.add_option("--alpn", link.alpn, "Protocol name, the same on both ends")
         ->capture_default_str()
@@ -57,6 +60,7 @@ CLI::App* add_server(CLI::App& app, typed_t& typed) {
         ->take_all()
         ->type_name("RULE");
     command->add_option("--listen", typed.listen, "UDP port")->capture_default_str()->type_name("PORT");
+    add_gateway_options(*command, typed.gateway);
     add_link_options(*command, typed.server.link, typed.watch);
     return command;
 }
@@ -75,6 +79,15 @@ CLI::App* add_client(CLI::App& app, typed_t& typed) {
         ->take_all()
         ->type_name("PATH");
     add_forward_options(*command, typed.forwards);
+    command->add_option("--id", typed.client.id, "The name that the server knows this client by")
+        ->capture_default_str()
+        ->type_name("NAME");
+    command
+        ->add_option("--allow", typed.allowed,
+                     "What the server's --reverse may reach here; nothing without it; repeat it for more")
+        ->expected(1)
+        ->take_all()
+        ->type_name("'tcp|udp|* TARGET PORTS'");
     command
         ->add_option("--trust", typed.client.trust,
                      "How to know the server: pin:HEX, ca:FILE, name:TEXT, insecure:yes, parted by ';'")
@@ -100,6 +113,24 @@ CLI::App* add_cert(CLI::App& app, typed_t& typed) {
     return command;
 }
 
+CLI::App* add_user(CLI::App& app, user_command_t& user) {
+    CLI::App* command = app.add_subcommand("user", "Add, remove or list the clients that may connect to a server");
+    command->require_subcommand(1);
+    const auto add = [&](const char* name, const char* help, decltype(user.what) what) {
+        CLI::App* const one = command->add_subcommand(name, help);
+        one->callback([&user, what] { user.what = what; });
+        one->add_option("--users", user.users_file, "The server's file of clients")->required()->type_name("FILE");
+        if (what != user_command_t::list) one->add_option("id", user.id, "The client")->required()->type_name("NAME");
+        return one;
+    };
+    add("add", "Let a client in, or give it a new secret; prints the secret", user_command_t::add)
+        ->add_option("--secret", user.secret_file, "Take the secret of this file, and print none")
+        ->type_name("FILE");
+    add("remove", "Let a client in no more; its connections end", user_command_t::remove);
+    add("list", "Print the clients", user_command_t::list);
+    return command;
+}
+
 void check_link(link_settings_t& link, const std::string& watch) {
     static constexpr const char* known[] = {"reno", "cubic", "bbr", "bbr1"};
     if (std::find(std::begin(known), std::end(known), link.congestion) == std::end(known)) {
@@ -117,6 +148,9 @@ server_command_t checked_server(typed_t& typed) {
     const auto port = parse_port(typed.listen);
     if (!port) throw bad_value("--listen", typed.listen, "give a UDP port from 1 to 65535");
     typed.server.listen_port = *port;
+    typed.server.gateway = checked_gateway(typed.gateway);
+    if (typed.server.link.secret_file.empty() == typed.server.gateway.users_file.empty())
+        throw failure_t("give either --users or --secret; see tandem server --help", exit_usage);
     for (const std::string& rule : typed.vpn_rules) {
         if (const std::string fault = typed.server.vpn_rules.add(rule); !fault.empty())
             throw bad_value("--allow-vpn", rule, fault);
@@ -143,7 +177,10 @@ client_command_t checked_client(typed_t& typed) {
     check_paths(client.paths);
     if (client.schedule != "default" && client.schedule != "redundant")
         throw bad_value("--schedule", client.schedule, "choose default or redundant");
-    client.forwards = checked_forwards(typed.forwards);
+    if (client.link.secret_file.empty()) throw failure_t("--secret is required; see tandem client --help", exit_usage);
+    if (!user_list_t::is_id(client.id)) throw bad_value("--id", client.id, "give 1 to 64 letters, digits and -_.@");
+    client.rules = checked_rules("allow * ", typed.allowed, "'tcp|udp|* TARGET PORTS', for example 'tcp 127.0.0.1 22'");
+    client.forwards = checked_forwards(typed.forwards, client.rules.empty());
     if (const std::string fault = trust_fault(client.trust); !fault.empty())
         throw bad_value("--trust", client.trust, fault);
     return client;
@@ -155,6 +192,12 @@ cert_command_t checked_cert(const typed_t& typed) {
         if (!is_certificate_name(name)) throw bad_value("--name", name, "give a host name or a numeric address");
     }
     return typed.cert;
+}
+
+user_command_t checked_user(const user_command_t& user) {
+    if (user.what != user_command_t::list && !user_list_t::is_id(user.id))
+        throw bad_value("id", user.id, "give 1 to 64 letters, digits and -_.@");
+    return user;
 }
 
 std::string first_line(const std::string& text) {
@@ -171,6 +214,7 @@ command_t parse_command_line(int argc, const char* const* argv) {
     const CLI::App* server = add_server(app, typed);
     const CLI::App* client = add_client(app, typed);
     add_cert(app, typed);
+    const CLI::App* user = add_user(app, typed.user);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
@@ -183,10 +227,11 @@ command_t parse_command_line(int argc, const char* const* argv) {
             throw failure_t(first_line(error.what()) + "; see tandem " + chosen.front()->get_name() + " --help",
                             exit_usage);
         }
-        throw bad_value("command", argc > 1 ? argv[1] : "", "give server, client or cert; see tandem --help");
+        throw bad_value("command", argc > 1 ? argv[1] : "", "give server, client, cert or user; see tandem --help");
     }
     if (server->parsed()) return checked_server(typed);
     if (client->parsed()) return checked_client(typed);
+    if (user->parsed()) return checked_user(typed.user);
     return checked_cert(typed);
 }
 

@@ -102,7 +102,7 @@ start_server() {
     for ((try = 0; try < attempts; ++try)); do
         link_port=$(random_port)
         : >"$work/server.out"
-        "$bin/tandem" server --cert "$work/cert/cert.pem" --key "$work/cert/key.pem" --secret "$work/secret" \
+        "$bin/tandem" server --cert "$work/cert/cert.pem" --key "$work/cert/key.pem" --secret "$work/secret" --allow "* tcp 127.0.0.1 $web_port" \
             --listen "$link_port" --log "$work/server.log" >"$work/server.out" 2>"$work/server.err" &
         local pid=$!
         if wait_line "$work/server.out" '^listening on UDP port' "$pid"; then

@@ -39,9 +39,10 @@ void add_forward_options(CLI::App& command, typed_forwards_t& typed) {
         "tun:NAME;OPTION:VALUE;...");
 }
 
-forwards_t checked_forwards(const typed_forwards_t& typed) {
-    if (typed.tcp.empty() && typed.udp.empty() && typed.vpn.empty())
-        throw failure_t("nothing to forward: give --tcp, --udp or --vpn; see tandem client --help", exit_usage);
+forwards_t checked_forwards(const typed_forwards_t& typed, bool needs_one) {
+    if (needs_one && typed.tcp.empty() && typed.udp.empty() && typed.vpn.empty())
+        throw failure_t("nothing to forward: give --tcp, --udp, --vpn or --allow; see tandem client --help",
+                        exit_usage);
     forwards_t out;
     out.tcp = checked_ports(typed.tcp, "--tcp", "8080=127.0.0.1:80");
     out.udp = checked_ports(typed.udp, "--udp", "5353=9.9.9.9:53");

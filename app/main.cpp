@@ -11,6 +11,7 @@
 #include "app/main_loop.h"
 #include "app/server_command.h"
 #include "app/standard_streams.h"
+#include "app/user_command.h"
 
 namespace tandem::app {
 namespace {
@@ -37,6 +38,7 @@ int run(const command_t& command) {
     if (const auto* text = std::get_if<show_text_t>(&command))
         return fputs(text->text.c_str(), stdout) < 0 ? exit_failed : exit_ok;
     if (const auto* cert = std::get_if<cert_command_t>(&command)) return run_cert(*cert, stdout);
+    if (const auto* user = std::get_if<user_command_t>(&command)) return run_user(*user, stdout);
     if (const auto* server = std::get_if<server_command_t>(&command))
         return run_link(*server, run_server, "tandem server");
     return run_link(std::get<client_command_t>(command), run_client, "tandem client");

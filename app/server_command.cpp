@@ -5,13 +5,15 @@
 
 #include <cerrno>
 #include <cstring>
+#include <list>
 #include <memory>
 
 #include "app/certificate.h"
+#include "app/client_forwards.h"
 #include "app/failure.h"
 #include "app/file.h"
 #include "app/main_loop.h"
-#include "app/secret_file.h"
+#include "app/server_files.h"
 #include "app/vpn_server.h"
 #include "app/watch.h"
 #include "gateway/gateway_context.h"
@@ -50,11 +52,22 @@ failure_t explain_failure(const server_command_t& command) {
 }  // namespace
 
 int run_server(const server_command_t& command, const standard_streams_t& streams) {
-    const auto authorizer = std::make_shared<secret_authorizer_t>(read_secret_file(command.link.secret_file));
+    std::list<client_forwards_t> listeners;
+    main_loop_t loop;
+    server_files_t files(command);
     check_key_pair(command.cert_file, command.key_file);
 
     const auto vpn = std::make_shared<vpn_server_t>(std::make_shared<vpn_rules_t>(command.vpn_rules));
-    main_loop_t loop;
+    const auto gateway = std::make_shared<gateway_t>(
+        loop.get(), gateway_t::settings_t{command.gateway.limits, files.credentials(), files.rules()});
+    std::vector<std::string> lines;
+    for (const auto& [client, forwards] : command.gateway.reversed) {
+        const client_forwards_t& opened = listeners.emplace_back(forwards);
+        for (const listening_forward_t& forward : opened.lent())
+            gateway->lend(client, forward);
+        for (const std::string& line : opened.lines())
+            lines.push_back(line + " of " + client);
+    }
     std::unique_ptr<watch_t> watch;
     if (command.link.watch != watch_mode_t::none) {
         watch = std::make_unique<watch_t>(loop.get(), command.link.watch, watch_role_t::server, streams,
@@ -62,7 +75,8 @@ int run_server(const server_command_t& command, const standard_streams_t& stream
     }
     link_t link;
     link.register_connection_context_factory([&](void* instance, void* connection, const std::string&) {
-        auto made = std::make_shared<gateway_context_t>(loop.get(), authorizer);
+        auto made = gateway_context_t::make(gateway);
+        if (!made) return made;
         made->set_vpn_host(vpn);
         if (watch) watch->add(instance, connection, made, [of = made.get()] { return of->client_machine(); });
         return made;
@@ -73,6 +87,9 @@ int run_server(const server_command_t& command, const standard_streams_t& stream
     }
     // With objects on standard output, everything else goes to standard error.
     FILE* const notices = command.link.watch == watch_mode_t::json ? streams.err() : streams.out();
+    files.watch(gateway, [&](const std::string& line) { fprintf(streams.err(), "tandem server: %s\n", line.c_str()); });
+    for (const std::string& line : lines)
+        fprintf(notices, "%s\n", line.c_str());
     fprintf(notices, "listening on UDP port %u\n", unsigned{command.listen_port});
     loop.run();
     link.destroy();

@@ -125,7 +125,7 @@ class Tandem(Peer):
         common = ("--secret", self.work / "secret", "--congestion", self.chosen.congestion)
         program = self.chosen.tandem
         self.server = self.start(self.rig.server, program, "server", "--cert", self.work / "cert.pem", "--key",
-                                 self.work / "key.pem", "--listen", 14002, *common)
+                                 self.work / "key.pem", "--listen", 14002, "--allow", "* * 127.0.0.1 *", *common)
         paths = [word for number in range(self.links or max(1, len(self.rig.links))) for word in ("--path", self.path(number))]
         self.client = self.start(self.rig.client, program, "client", f"{SERVER}:14002", "--trust", self.trust(), *paths, "--tcp",
                                  f"127.0.0.1:{FORWARD_PORT}=127.0.0.1:{FLOW_PORT}", *common, *self.options)

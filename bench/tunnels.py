@@ -151,7 +151,7 @@ class Tandem(Tunnel):
         link = ["--secret", secret] + (["--congestion", self.congestion] if self.congestion else [])
         log = self.spawn("server.out", self.program, "server", "--cert", self.directory / "cert/cert.pem",
                          "--key", self.directory / "cert/key.pem", "--listen", str(self.link_port),
-                         "--log", self.directory / "server.log", *link)
+                         "--allow", "* * 127.0.0.1 *", "--log", self.directory / "server.log", *link)
         self.wait_for_line("^listening ", log)
         paths = [word for path in self.paths for word in ("--path", path)]
         log = self.spawn("client.out", self.program, "client", f"127.0.0.1:{self.link_port}", "--trust", pin, *paths,

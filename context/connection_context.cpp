@@ -103,6 +103,7 @@ int connection_context_t::send_packet(uint64_t stream_id, packet_t& packet, int 
 void connection_context_t::push_stream_data(uint64_t stream_id, const uint8_t* data, uint32_t len, int fin) {
     if (data == nullptr) len = 0;
     if (len == 0 && fin == 0) return;
+    if (admit_stream_ && !admit_stream_(stream_id, fin)) return;
     take_packets(stream_id, data, len, fin);
     delivery_remaining_ = 0;
     if (delivered_handler_) delivered_handler_();

@@ -119,6 +119,9 @@ class TANDEM_API connection_context_t {
     // Called on the loop's thread when all packets of a delivery have been dispatched. To be set before the context is
     // bound.
     std::function<void()> delivered_handler_;
+    // Whether bytes of a stream, or its end, are taken; otherwise they are dropped. Called on the loop's thread, before
+    // anything is kept of them. To be set before data arrive.
+    std::function<bool(uint64_t stream_id, int fin)> admit_stream_;
     // Whether an empty frame that does not end its stream is a packet without bytes. Otherwise it is a framing fault.
     // Never so on control streams. To be set before data arrive.
     bool accept_empty_frames_ = false;

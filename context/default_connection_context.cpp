@@ -52,18 +52,40 @@ std::shared_ptr<packet_t> default_connection_context_t::on_received_control_pack
     return is_server != 0 ? answer_handshake(body, fin) : finish_handshake(body, fin);
 }
 
+default_connection_context_t::handshake_t default_connection_context_t::to_handshake(
+    const message_variant_t::map_t& body) {
+    handshake_t handshake;
+    for (const auto& [key, value] : body) {
+        if (key.is_text("i")) handshake.i = value.get_string();
+        if (key.is_text("c")) handshake.c = value.get_string();
+        if (key.is_text("t")) handshake.t = value.get_string();
+        if (key.is_text("m")) handshake.m = value.get_string();
+    }
+    return handshake;
+}
+
+bool default_connection_context_t::read_handshake(packet_t& packet, handshake_t& handshake) {
+    const auto unpacker = packet.new_unpacker();
+    const message_variant_t type = packet.unpack_next(unpacker);
+    if (!type.is_text("HSRQ")) return false;
+    const message_variant_t value = packet.unpack_next(unpacker);
+    message_variant_t::map_t body;
+    value.get_map(body);
+    handshake = to_handshake(body);
+    return true;
+}
+
 std::shared_ptr<packet_t> default_connection_context_t::answer_handshake(const message_variant_t::map_t& body,
                                                                          int fin) {
-    std::string i, c, t, m;
-    for (const auto& [key, value] : body) {
-        if (key.is_text("i")) i = value.get_string();
-        if (key.is_text("c")) c = value.get_string();
-        if (key.is_text("t")) t = value.get_string();
-        if (key.is_text("m")) m = value.get_string();
-    }
+    const handshake_t asked = to_handshake(body);
     int code = 0;
     std::string message;
-    const bool accepted = on_authorize(i, c, t, m, code, message);
+    const bool accepted = on_authorize(asked.i, asked.c, asked.t, asked.m, code, message);
+    return decide_handshake(accepted, code, message, fin);
+}
+
+std::shared_ptr<packet_t> default_connection_context_t::decide_handshake(bool accepted, int code,
+                                                                         const std::string& message, int fin) {
     if (accepted) authorized = true;
     auto reply = std::make_shared<packet_t>(128);
     reply->pack_string("HSAK");

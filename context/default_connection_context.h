@@ -62,6 +62,20 @@ class TANDEM_API default_connection_context_t : public connection_context_t {
     path_map_t peer_report(size_t most);
 
   protected:
+    // What a client presents.
+    struct handshake_t {
+        std::string i;
+        std::string c;
+        std::string t;
+        std::string m;
+    };
+
+    // Server: reads a handshake packet; false when it is something else.
+    static bool read_handshake(packet_t& packet, handshake_t& handshake);
+    // Server: takes the decision about a client and makes the packet that tells it. `fin`: the client has ended its
+    // control stream.
+    std::shared_ptr<packet_t> decide_handshake(bool accepted, int code, const std::string& message, int fin);
+
     std::string hs_i;
     std::string hs_c;
     std::string hs_t;
@@ -76,6 +90,7 @@ class TANDEM_API default_connection_context_t : public connection_context_t {
     path_map_t peer_paths;  // the peer's last report
 
   private:
+    static handshake_t to_handshake(const message_variant_t::map_t& body);
     std::shared_ptr<packet_t> answer_handshake(const message_variant_t::map_t& body, int fin);
     std::shared_ptr<packet_t> finish_handshake(const message_variant_t::map_t& body, int fin);
     void store_peer_paths(packet_t& packet, const std::shared_ptr<packet_t::base_unpacker>& unpacker);

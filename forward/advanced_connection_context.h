@@ -87,6 +87,7 @@ class TANDEM_API advanced_connection_context_t : public default_connection_conte
         bool tx_active = false;
         std::deque<std::shared_ptr<packet_t>> pending_packets;  // from the stream, not yet written
         tcp_flow_t flow;
+        std::shared_ptr<void> permit;          // of on_request
         std::unique_ptr<outgoing_t> outgoing;  // UDP: what the stream has no room for; loop's thread
     };
 
@@ -147,6 +148,24 @@ class TANDEM_API advanced_connection_context_t : public default_connection_conte
                                                                         std::shared_ptr<packet_t> packet, bool skip,
                                                                         int fin, bool& handled);
 
+    // What the peer asks this side to open. For a VPN `address` holds the options.
+    struct request_t {
+        uint64_t stream_id;
+        int32_t type;
+        std::string address;
+        uint16_t port;
+    };
+    // What a derived class may attach to a request; each is let go when its time is over, on any thread.
+    struct permits_t {
+        std::shared_ptr<void> instance;  // until the request's stream and descriptor are closed
+        std::shared_ptr<void> worker;    // until the target is open, or has failed
+    };
+    // Whether a request of the peer is taken up; otherwise its stream is ended. The default takes all. Link's thread.
+    virtual bool on_request(const request_t& request, permits_t& permits);
+    // Whether the address that a request's TCP or UDP target stands for may be opened. It is this one that will be
+    // opened. The default says yes. Runs on a worker, before the on_create_* hooks.
+    virtual bool on_target_resolved(const request_t& request, const sockaddr_storage& address);
+
   protected:
     using record_t = std::shared_ptr<forward_detail>;
 
@@ -206,7 +225,6 @@ class TANDEM_API advanced_connection_context_t : public default_connection_conte
     std::map<uint64_t, record_t> pending_remote;
 
   private:
-    struct fwdr_t;
     struct backend_t;
     struct scratch_t;
 
@@ -276,9 +294,9 @@ class TANDEM_API advanced_connection_context_t : public default_connection_conte
     void deliver_lossless(const record_t& inst, const std::shared_ptr<packet_t>& packet, bool skip, int fin,
                           const flow_marks_t& marks);
     void queue_start(const record_t& inst);
-    bool read_request(packet_t& packet, fwdr_t& request);
-    void accept_request(uint64_t stream_id, const fwdr_t& request, bool ended);
-    void start_worker(const record_t& inst);
+    static bool read_request(packet_t& packet, request_t& request);
+    bool accept_request(const request_t& request, bool ended);
+    void start_worker(const record_t& inst, std::shared_ptr<void> permit);
 
     record_t find_udp_peer(const record_t& forward, int fd, sockaddr_storage& from, bool& update_owed);
     bool take_datagram(const record_t& forward, int fd, packet_t& packet, sockaddr_storage& from, bool& update_owed);

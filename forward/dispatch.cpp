@@ -20,13 +20,6 @@ std::shared_ptr<packet_t> make_end_of_stream() {
 
 }  // namespace
 
-// What a request asks for.
-struct advanced_connection_context_t::fwdr_t {
-    int32_t type = TYPE_TCP;
-    std::string target_address;
-    uint16_t target_port = 0;
-};
-
 std::shared_ptr<packet_t> advanced_connection_context_t::on_received_stream_packet(uint64_t stream_id,
                                                                                    std::shared_ptr<packet_t> packet,
                                                                                    bool skip, int fin, bool& handled) {
@@ -48,9 +41,9 @@ std::shared_ptr<packet_t> advanced_connection_context_t::on_received_stream_pack
         return nullptr;
     }
     handled = true;
-    fwdr_t request;
-    if (read_request(*packet, request)) accept_request(stream_id, request, fin != 0 && delivery_remaining_ == 0);
-    return nullptr;
+    request_t request{stream_id, TYPE_TCP, {}, 0};
+    if (!read_request(*packet, request)) return nullptr;
+    return accept_request(request, fin != 0 && delivery_remaining_ == 0) ? nullptr : make_end_of_stream();
 }
 
 advanced_connection_context_t::record_t advanced_connection_context_t::find_stream(uint64_t stream_id,
@@ -158,7 +151,7 @@ void advanced_connection_context_t::queue_start(const record_t& inst) {
     wake(ioevt_async);
 }
 
-bool advanced_connection_context_t::read_request(packet_t& packet, fwdr_t& request) {
+bool advanced_connection_context_t::read_request(packet_t& packet, request_t& request) {
     const auto unpacker = packet.new_unpacker();
     const message_variant_t tag = packet.unpack_next(unpacker);
     const message_variant_t body = packet.unpack_next(unpacker);
@@ -169,34 +162,44 @@ bool advanced_connection_context_t::read_request(packet_t& packet, fwdr_t& reque
         if (key.is_text("t")) {
             type = value.get_string();
         } else if (key.is_text("ta")) {
-            request.target_address = value.get_string();
+            request.address = value.get_string();
         } else if (key.is_text("tp")) {
-            request.target_port = static_cast<uint16_t>(value.get_uint64());
+            request.port = static_cast<uint16_t>(value.get_uint64());
         }
     }
     request.type = type == "VPN" ? TYPE_VPN : type == "UDP" ? TYPE_UDP : TYPE_TCP;
     return true;
 }
 
-void advanced_connection_context_t::accept_request(uint64_t stream_id, const fwdr_t& request, bool ended) {
-    auto inst = std::make_shared<forward_detail>();
-    inst->type = request.type;
-    inst->state = STATE_CONNECTING;
-    inst->stream_id = stream_id;
-    inst->target_address = request.target_address;
-    inst->target_port = request.target_port;
-    inst->last_active_us = steady_time_us();
-    inst->flow.stream_ended = ended;
+// False when the stream is to be ended.
+bool advanced_connection_context_t::accept_request(const request_t& request, bool ended) {
+    const uint64_t stream_id = request.stream_id;
     {
         std::lock_guard guard(table_lock);
         // What a stream carries after its instance is closed is somebody's data, not a request, whatever it looks like:
         // else whoever uses a forward could reach any target.
-        if (stopping || used_streams_.contains(stream_id)) return;
+        if (stopping || used_streams_.contains(stream_id)) return true;
         used_streams_.insert(stream_id);
+    }
+    permits_t permits;
+    if (!on_request(request, permits)) return false;
+    auto inst = std::make_shared<forward_detail>();
+    inst->type = request.type;
+    inst->state = STATE_CONNECTING;
+    inst->stream_id = stream_id;
+    inst->target_address = request.address;
+    inst->target_port = request.port;
+    inst->last_active_us = steady_time_us();
+    inst->flow.stream_ended = ended;
+    inst->permit = std::move(permits.instance);
+    {
+        std::lock_guard guard(table_lock);
+        if (stopping) return true;
         pending_remote[stream_id] = inst;
         remote_streams[stream_id] = inst;
     }
-    start_worker(inst);
+    start_worker(inst, std::move(permits.worker));
+    return true;
 }
 
 }  // namespace tandem

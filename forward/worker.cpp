@@ -44,7 +44,7 @@ struct advanced_connection_context_t::backend_t {
     sockaddr_storage address{};
 };
 
-void advanced_connection_context_t::start_worker(const record_t& inst) {
+void advanced_connection_context_t::start_worker(const record_t& inst, std::shared_ptr<void> permit) {
     bool started = false;
     {
         std::lock_guard guard(inst->lock);
@@ -52,7 +52,7 @@ void advanced_connection_context_t::start_worker(const record_t& inst) {
         if (inst->state == STATE_CLOSED) return;
         if (gate_->admit()) {
             try {
-                inst->connect_thread = std::thread([gate = gate_, inst] {
+                inst->connect_thread = std::thread([gate = gate_, inst, permit] {
                     run_worker(gate, inst);
                     gate->dismiss();
                 });
@@ -118,6 +118,10 @@ bool advanced_connection_context_t::open_target(worker_gate_t& gate, const forwa
     if (!context) return false;
     int& fd = backend.fd;
     sockaddr_storage& address = backend.address;
+    if (!context->on_target_resolved({backend.stream_id, record.type, record.target_address, record.target_port},
+                                     address)) {
+        return false;
+    }
     if (record.type == TYPE_TCP) {
         fd = context->on_create_tcp_connect_socket(backend.stream_id, &address);
         if (fd < 0) fd = context->open_tcp_connect_socket(&address);
@@ -192,6 +196,14 @@ void advanced_connection_context_t::finish_worker(worker_gate_t& gate, forward_d
     }
     guard.unlock();
     visit.context()->wake(visit.context()->update_async);
+}
+
+bool advanced_connection_context_t::on_request(const request_t&, permits_t&) {
+    return true;
+}
+
+bool advanced_connection_context_t::on_target_resolved(const request_t&, const sockaddr_storage&) {
+    return true;
 }
 
 int advanced_connection_context_t::on_create_tcp_connect_socket(uint64_t, sockaddr_storage*) {

@@ -1,23 +1,19 @@
 #include "gateway/client_context.h"
 
-#include "gateway/end_of_stream.h"
-
 namespace tandem {
-namespace {
-
-// Far above the frames that forwarding sends: a bound on what a server can make this side keep for one.
-constexpr uint32_t longest_frame = 1 << 20;
-
-}  // namespace
 
 client_context_t::client_context_t(st_tloop_t* link_loop, const identity_t& identity,
-                                   std::vector<listening_forward_t> to_forward, client_observer_t& observer)
-    : advanced_connection_context_t(link_loop, identity.id, identity.credential, identity.software, identity.machine),
+                                   std::vector<listening_forward_t> to_forward, client_observer_t& observer,
+                                   guard_t guard)
+    : guarded_context_t(link_loop, identity.id, identity.credential, identity.software, identity.machine,
+                        std::move(guard)),
       to_forward_(std::move(to_forward)),
       observer_(observer),
-      deadline_(link_loop, answer_within_us, [this] { force_close(); }) {
-    set_delivery(delivery_t::lossless);
-    max_frame_length = longest_frame;
+      deadline_(link_loop, answer_within_us, [this] { force_close(); }) {}
+
+client_context_t::guard_t client_context_t::denying_guard() {
+    return {std::make_shared<rule_book_t>(target_rules_t(target_rules_t::without_rules_t::deny)),
+            std::make_shared<refusals_t>()};
 }
 
 void client_context_t::on_authorize_acked(int code, const std::string& message) {
@@ -26,23 +22,11 @@ void client_context_t::on_authorize_acked(int code, const std::string& message) 
         observer_.on_refused(code, message);
         return;
     }
+    const limits_t limits;
+    let_in("the server", std::make_shared<usage_t>(limits.client), limits.frame_bytes);
     // Only a later turn of the loop watches the sockets, when the base has marked the connection as authorised.
-    for (const listening_forward_t& forward : to_forward_) {
-        if (forward.type == TYPE_VPN) {
-            add_vpn_forward(forward.fd, forward.target_host, true);
-        } else if (forward.type == TYPE_UDP) {
-            add_udp_forward(forward.fd, forward.target_host, forward.target_port, true);
-        } else {
-            add_tcp_forward(forward.fd, forward.target_host, forward.target_port, true);
-        }
-    }
+    serve(to_forward_);
     observer_.on_authorized();
-}
-
-std::shared_ptr<packet_t> client_context_t::on_external_analyse_stream_packet(uint64_t, std::shared_ptr<packet_t>, bool,
-                                                                              int, bool& handled) {
-    handled = true;
-    return end_of_stream();
 }
 
 void client_context_t::on_destroy() {

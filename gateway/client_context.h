@@ -5,8 +5,8 @@
 #include <string>
 #include <vector>
 
-#include "forward/advanced_connection_context.h"
 #include "gateway/deadline.h"
+#include "gateway/guarded_context.h"
 
 namespace tandem {
 
@@ -16,14 +16,6 @@ struct identity_t {
     std::string credential;
     std::string software;
     std::string machine;
-};
-
-// A listening TCP socket, a bound UDP socket or a tun/tap device of the application's, and what it is carried to.
-struct listening_forward_t {
-    int fd;
-    std::string target_host;  // VPN: the options of the server's interface
-    uint16_t target_port;
-    int32_t type = advanced_connection_context_t::TYPE_TCP;
 };
 
 // Hears what becomes of a client's connections, on the link's loop thread. Outlives the link.
@@ -42,20 +34,21 @@ class client_observer_t {
 
 // The client's side of one connection. Once authorised it serves the application's listening sockets with lossless
 // forwarding. The sockets stay the application's, so that the next connection takes them up where this one left them.
-// The server cannot open a stream here: every stream that this side did not open is ended. A server that does not
-// answer the handshake within `answer_within_us` loses the connection.
-class client_context_t : public advanced_connection_context_t {
+// The server may open here what the rules allow: without rules nothing. A server that does not answer the handshake
+// within `answer_within_us` loses the connection.
+class client_context_t : public guarded_context_t {
   public:
     static constexpr uint64_t answer_within_us = 15'000'000;
 
     client_context_t(st_tloop_t* link_loop, const identity_t& identity, std::vector<listening_forward_t> to_forward,
-                     client_observer_t& observer);
+                     client_observer_t& observer, guard_t guard = denying_guard());
     // As in gateway_context_t.
     ~client_context_t() override { stop_forwarding(); }
 
+    // Denies the server everything.
+    static guard_t denying_guard();
+
     void on_authorize_acked(int code, const std::string& message) override;
-    std::shared_ptr<packet_t> on_external_analyse_stream_packet(uint64_t stream_id, std::shared_ptr<packet_t> packet,
-                                                                bool skip, int fin, bool& handled) override;
     void on_destroy() override;
 
   private:

@@ -1,26 +1,17 @@
 #include "gateway/gateway_context.h"
 
 #include <fcntl.h>
+#include <sys/socket.h>
 
 #include <cstdio>
+#include <utility>
 
 #include "common/log.h"
-#include "gateway/end_of_stream.h"
+#include "gateway/ip_network.h"
+#include "link/tndm.h"
 
 namespace tandem {
 namespace {
-
-constexpr int refused = 1;
-
-// What a stranger can make this side keep for one frame: room for a handshake. And what a client can, which is far
-// above the frames that forwarding sends.
-constexpr uint32_t stranger_frame = 4096;
-constexpr uint32_t client_frame = 1 << 20;
-
-// The code travels in 16 bits, and 0 in them means that the client is let in.
-bool is_refusal_on_the_wire(int code) {
-    return (code & 0xffff) != 0;
-}
 
 // The mark among an interface's options that they have been looked at.
 constexpr const char* admitted = " admitted";
@@ -36,37 +27,86 @@ void log_refusal(std::string reason) {
 
 }  // namespace
 
-gateway_context_t::gateway_context_t(st_tloop_t* link_loop, std::shared_ptr<authorizer_t> authorizer)
-    : advanced_connection_context_t(link_loop, "", "", "", ""),
-      authorizer_(std::move(authorizer)),
-      deadline_(link_loop, authorize_within_us, [this] { force_close(); }) {
-    set_delivery(delivery_t::lossless);
-    max_frame_length = stranger_frame;
+std::shared_ptr<gateway_context_t> gateway_context_t::make(std::shared_ptr<gateway_t> gateway) {
+    auto stranger = gateway->admit_stranger();
+    return stranger ? std::make_shared<gateway_context_t>(std::move(gateway), std::move(stranger)) : nullptr;
 }
 
-bool gateway_context_t::on_authorize(const std::string& id, const std::string& credential, const std::string& software,
-                                     const std::string& machine, int& code, std::string& message) {
-    code = authorizer_->authorize({id, credential, software, machine}, message);
-    if (code == 0) {
-        client_id_ = id;
-        client_machine_ = machine;
-        deadline_.cancel();
-        max_frame_length = client_frame;
-        return true;
-    }
-    if (!is_refusal_on_the_wire(code)) code = refused;
-    return false;
+gateway_context_t::gateway_context_t(std::shared_ptr<gateway_t> gateway, std::shared_ptr<void> stranger)
+    : guarded_context_t(gateway->loop(), "", "", "", "", gateway->guard()),
+      gateway_(std::move(gateway)),
+      stranger_(std::move(stranger)),
+      deadline_(gateway_->loop(), authorize_within_us, [this] { force_close(); }) {}
+
+gateway_context_t::~gateway_context_t() {
+    stop_forwarding();
+    gateway_->detach(*this);
 }
 
-std::shared_ptr<packet_t> gateway_context_t::on_received_stream_packet(uint64_t stream_id,
-                                                                       std::shared_ptr<packet_t> packet, bool skip,
-                                                                       int fin, bool& handled) {
+std::shared_ptr<packet_t> gateway_context_t::on_received_control_packet(uint64_t stream_id,
+                                                                        std::shared_ptr<packet_t> packet, bool skip,
+                                                                        int fin, bool& handled) {
     if (is_authorized()) {
-        return advanced_connection_context_t::on_received_stream_packet(stream_id, std::move(packet), skip, fin,
-                                                                        handled);
+        return guarded_context_t::on_received_control_packet(stream_id, std::move(packet), skip, fin, handled);
     }
     handled = true;
-    return end_of_stream();
+    if (closed != 0) return nullptr;
+    // Its control stream has ended, and the base ends the connection.
+    if (skip && fin != 0) return nullptr;
+    handshake_t shown;
+    if (asked_) return break_off("a second message before the first one was answered");
+    if (skip || !packet || !read_handshake(*packet, shown)) return break_off("no handshake");
+    asked_ = true;
+    client_machine_ = shown.m;
+    const std::weak_ptr<gateway_context_t> self = weak_from_this();
+    gateway_->doorkeeper().ask({shown.i, shown.c, shown.t, shown.m}, source(), [self](const verdict_t& verdict) {
+        if (const auto context = self.lock()) context->answer(verdict);
+    });
+    return nullptr;
+}
+
+std::shared_ptr<packet_t> gateway_context_t::break_off(const char* what) {
+    refuse(refusals_t::protocol, what);
+    force_close();
+    return nullptr;
+}
+
+void gateway_context_t::answer(const verdict_t& verdict) {
+    if (closed != 0) return;
+    if (!verdict.admission) {
+        refuse(verdict.code == verdict_t::try_later ? refusals_t::attempts : refusals_t::credentials, source());
+        send_packet(peer_control_stream_id, decide_handshake(false, verdict.code, verdict.reason, 0), 0);
+        return;
+    }
+    admission_ = *verdict.admission;
+    deadline_.cancel();
+    stranger_.reset();
+    let_in(admission_.client, gateway_->usage_of(admission_.client), gateway_->limits().frame_bytes);
+    send_packet(peer_control_stream_id, decide_handshake(true, 0, "", 0), 0);
+    gateway_->attach(*this);
+}
+
+// Where the client is, as far as attempts are counted together: its address, of IPv6 the network of its site.
+std::string gateway_context_t::source() const {
+    char text[64] = "";
+    if (tndm_get_peer_address == nullptr || tndm_get_peer_address(connection, text, sizeof(text)) != 0) {
+        return "somewhere";
+    }
+    auto address = ip_network_t::parse(text);
+    if (!address || address->family != AF_INET6) return text;
+    address->prefix = 64;
+    return address->base().text();
+}
+
+void gateway_context_t::drop_listeners(const std::vector<listening_forward_t>& listeners) {
+    for (const listening_forward_t& listener : listeners)
+        remove_forward(listener.fd);
+}
+
+// The answer to the handshake and a request travel on different streams, so the request could be there first.
+void gateway_context_t::on_peer_path_updated(bool) {
+    if (std::exchange(confirmed_, true)) return;
+    gateway_->confirm(*this);
 }
 
 // The library would make an interface when this hook makes none. To refuse it for good the hook gives a descriptor that
@@ -75,7 +115,7 @@ int gateway_context_t::on_create_vpn_interface(uint64_t, std::multimap<std::stri
                                                std::string& ifname, const std::string& mode) {
     std::string reason = "this gateway has no VPN";
     options.erase(admitted);
-    if (vpn_host_ && vpn_host_->admit(client_id_, mode, ifname, options, reason)) {
+    if (vpn_host_ && vpn_host_->admit(peer(), mode, ifname, options, reason)) {
         options.emplace(admitted, "");
         return -1;
     }
@@ -95,6 +135,9 @@ bool gateway_context_t::set_if_options(const std::string& ifname, std::multimap<
 void gateway_context_t::on_destroy() {
     deadline_.cancel();
     advanced_connection_context_t::on_destroy();
+    // Now, not in a later turn: the listeners that this connection has borrowed may go to another one.
+    update_forwarding();
+    gateway_->detach(*this);
 }
 
 }  // namespace tandem

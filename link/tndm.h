@@ -166,8 +166,8 @@ TANDEM_PLATFORM_WEAK int tndm_set_writable_callback(void* instance, tndm_writabl
 /* A client's failed attempts to connect, told on the loop's thread. */
 TANDEM_PLATFORM_WEAK int tndm_set_problem_callback(void* instance, tndm_problem_cb callback);
 /* Which path carries what, in both directions of a client's connection; before the start, and a server obeys its
- * clients. "default": every path carries what it delivers sooner than the others would. "redundant": everything on every
- * path. Another name is a failure. */
+ * clients. "default": every path carries what it delivers sooner than the others would. "redundant": everything on
+ * every path. Another name is a failure. */
 TANDEM_PLATFORM_WEAK int tndm_set_schedule(void* instance, const char* name);
 /* Bytes queued on the stream and not sent yet; 0 for an unknown stream. */
 TANDEM_PLATFORM_WEAK uint64_t tndm_get_stream_backlog(void* connection, uint64_t stream_id);
@@ -176,6 +176,9 @@ TANDEM_PLATFORM_WEAK uint64_t tndm_get_stream_backlog(void* connection, uint64_t
 TANDEM_PLATFORM_WEAK int tndm_request_writable(void* connection, uint64_t stream_id, uint64_t low_water);
 /* While a stream is paused nothing of it is delivered and its window does not grow. */
 TANDEM_PLATFORM_WEAK int tndm_pause_stream(void* connection, uint64_t stream_id, int pause);
+/* The address of one of the peer's ends of the connection, the first that still is, as a terminated text without a
+ * port. 0, or -1 when there is none just now. */
+TANDEM_PLATFORM_WEAK int tndm_get_peer_address(void* connection, char* buffer, uint32_t size);
 #undef TANDEM_PLATFORM_WEAK
 
 #ifdef __cplusplus

@@ -7,6 +7,7 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <string>
 
 #include "platform/tndm/endpoint/instance.h"
 #include "platform/tndm/endpoint/ledger.h"
@@ -226,4 +227,14 @@ int tndm_request_writable(void* connection, uint64_t stream_id, uint64_t low_wat
 
 int tndm_pause_stream(void* connection, uint64_t stream_id, int pause) {
     return tell(connection, {.what = command::kind::pause, .stream = stream_id, .flag = pause != 0}) ? 0 : -1;
+}
+
+int tndm_get_peer_address(void* connection, char* buffer, uint32_t size) {
+    const auto of = ledger_of(connection);
+    const std::string address = of == nullptr ? std::string() : of->peer_address();
+    if (buffer == nullptr || address.empty() || address.size() >= size) {
+        return -1;
+    }
+    std::memcpy(buffer, address.c_str(), address.size() + 1);
+    return 0;
 }

@@ -22,7 +22,7 @@ void expect_part(const std::string& text, const std::string& part) {
 }
 
 TEST(program, wrong_options_give_one_line_and_code_2) {
-    expect_part(complaint({program()}, 2), "server, client or cert");
+    expect_part(complaint({program()}, 2), "server, client, cert or user");
     expect_part(complaint({program(), "server", "--listen", "x", "--cert", "c", "--key", "k", "--secret", "s"}, 2),
                 "--listen 'x'");
     expect_part(complaint({program(), "client", "h", "--path", "p", "--tcp", "80"}, 2), "--secret");
@@ -77,7 +77,7 @@ TEST(program, a_refused_client_ends_and_the_server_goes_on) {
     process_t server = link.start_server();
     const auto wrong =
         with(link.client_args(service.port()), "--secret", link.scratch().write("wrong", "open says me\n"));
-    expect_part(complaint(wrong, 1), "refused this client (wrong secret)");
+    expect_part(complaint(wrong, 1), "refused this client (wrong id or secret)");
 
     process_t client(link.client_args(service.port()));
     const uint16_t port = wait_forward(client);

@@ -29,8 +29,14 @@ link_fixture_t::~link_fixture_t() {
 }
 
 std::vector<std::string> link_fixture_t::server_args() const {
-    return {program(),  "server", "--cert",   scratch_.path("tls/cert.pem"), "--key", scratch_.path("tls/key.pem"),
-            "--secret", secret_,  "--listen", std::to_string(port_),         "--log", scratch_.path("server.log")};
+    return {program(),  "server",
+            "--cert",   scratch_.path("tls/cert.pem"),
+            "--key",    scratch_.path("tls/key.pem"),
+            "--secret", secret_,
+            "--listen", std::to_string(port_),
+            "--log",    scratch_.path("server.log"),
+            "--allow",  "* * 127.0.0.0/8 *",
+            "--allow",  "* * * *"};
 }
 
 process_t link_fixture_t::start_server(const std::vector<std::string>& before) const {

@@ -37,6 +37,15 @@ int tndm_request_writable(void* connection, uint64_t stream_id, uint64_t low_wat
     return 0;
 }
 
+int tndm_get_peer_address(void* connection, char* buffer, uint32_t size) {
+    const std::lock_guard lock(state().mutex);
+    const connection_t* found = live_connection(connection);
+    if (found == nullptr || found->peer_address.size() >= size) return -1;
+    found->peer_address.copy(buffer, size);
+    buffer[found->peer_address.size()] = 0;
+    return 0;
+}
+
 int tndm_pause_stream(void* connection, uint64_t stream_id, int pause) {
     const std::lock_guard lock(state().mutex);
     record("pause_stream " + std::to_string(stream_id) + " " + std::to_string(pause));

@@ -115,6 +115,7 @@ struct connection_t {
     uint64_t data_sent = 0;
     std::vector<st_tndm_path_info_t> paths;
     int keep_alives = 0;
+    std::string peer_address = "192.0.2.1";
 };
 
 // Forgets everything. Handles from before become dead, not dangling.

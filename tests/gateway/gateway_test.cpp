@@ -4,15 +4,14 @@
 
 #include "app/listener.h"
 #include "gateway/client_context.h"
+#include "gateway/gateway.h"
 #include "gateway/gateway_context.h"
+#include "gateway/user_list.h"
 #include "link/link.h"
 #include "tests/fake/fake_platform.h"
 
 namespace tandem {
 namespace {
-
-constexpr uint64_t peer_control = 1;
-constexpr uint64_t peer_stream = 5;
 
 std::string frame(const packet_t& packet) {
     const uint32_t size = packet.size();
@@ -28,12 +27,14 @@ std::string marker() {
     return frame(packet);
 }
 
-std::string handshake(const std::string& secret) {
+std::string handshake(const std::string& secret, const std::string& id = {}) {
     packet_t packet(64);
     packet.pack_string("HSRQ");
-    packet.pack_map_raw(1);
+    packet.pack_map_raw(2);
     packet.pack_string("c");
     packet.pack_string(secret);
+    packet.pack_string("i");
+    packet.pack_string(id);
     return frame(packet);
 }
 
@@ -48,14 +49,14 @@ std::string answer(int16_t code, const std::string& message) {
     return frame(packet);
 }
 
-std::string request(uint16_t port) {
+std::string request(uint16_t port, const std::string& host = "127.0.0.1") {
     packet_t packet(64);
     packet.pack_string("FWDR");
     packet.pack_map_raw(3);
     packet.pack_string("t");
     packet.pack_string("TCP");
     packet.pack_string("ta");
-    packet.pack_string("127.0.0.1");
+    packet.pack_string(host);
     packet.pack_string("tp");
     packet.pack_uint16(port);
     return frame(packet);
@@ -72,13 +73,53 @@ class gateway : public testing::Test, public client_observer_t {
   protected:
     gateway() { fake::reset(); }
 
-    void serve(std::shared_ptr<authorizer_t> authorizer) {
+    ~gateway() override { link.destroy(); }
+
+    static std::shared_ptr<credentials_t> secret() { return std::make_shared<shared_secret_t>("secret"); }
+
+    static target_rules_t rules(const std::string& text) {
+        target_rules_t made(target_rules_t::without_rules_t::allow);
+        EXPECT_EQ(made.add_all(text), "");
+        return made;
+    }
+
+    void serve(std::shared_ptr<const credentials_t> credentials,
+               const std::string& rule_text = "allow * * 127.0.0.0/8 *", const limits_t& limits = {}) {
         options_t options;
         options.is_server = 1;
-        link.register_connection_context_factory([this, authorizer](void*, void*, const std::string&) {
-            return std::make_shared<gateway_context_t>(loop.handle(), authorizer);
-        });
+        peer_control = 0;
+        peer_stream = 4;
+        shared = std::make_shared<gateway_t>(
+            loop.handle(), gateway_t::settings_t{limits, std::move(credentials), rules(rule_text), 0});
+        link.register_connection_context_factory(
+            [this](void*, void*, const std::string&) { return gateway_context_t::make(shared); });
         start(options);
+    }
+
+    // Presents the secret, and waits for the answer's code; -1 when there is none.
+    int present(const std::string& secret, const std::string& id = {}) {
+        fake::deliver(connection, peer_control, handshake(secret, id));
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+        while (sent_code() < 0 && !connection->deleted && std::chrono::steady_clock::now() < limit) {
+            loop.fire_asyncs();
+            std::this_thread::yield();
+        }
+        return sent_code();
+    }
+
+    uint64_t refusals(refusals_t::why_t why) const { return shared->guard().refusals->counts()[why]; }
+
+    // Asks for a target on a stream of its own; whether the stream is ended by the gateway.
+    bool is_ended(const std::string& request) {
+        const uint64_t id = next_stream;
+        next_stream += 4;
+        fake::deliver(connection, id, request);
+        const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(1);
+        while (!fake::stream(connection, id).fin && std::chrono::steady_clock::now() < limit) {
+            loop.fire_asyncs();
+            std::this_thread::yield();
+        }
+        return fake::stream(connection, id).fin;
     }
 
     void connect_client(const app::listener_t& listener) {
@@ -120,8 +161,13 @@ class gateway : public testing::Test, public client_observer_t {
     void on_disconnected(bool was_authorized) override { ++(was_authorized ? lost : never_up); }
 
     fake::loop_t loop;
+    std::shared_ptr<gateway_t> shared;
     link_t link;
     fake::connection_t* connection = nullptr;
+    // The peer's first two streams: a server's.
+    uint64_t peer_control = 1;
+    uint64_t peer_stream = 5;
+    uint64_t next_stream = 4;
     int authorized = 0;
     int lost = 0;
     int never_up = 0;
@@ -131,59 +177,124 @@ class gateway : public testing::Test, public client_observer_t {
 
 TEST_F(gateway, a_stranger_gets_no_stream_and_a_client_does) {
     const app::listener_t target({"127.0.0.1", 0});
-    serve(std::make_shared<secret_authorizer_t>("secret"));
+    serve(secret());
     fake::deliver(connection, peer_stream, request(target.where.port));
-    EXPECT_TRUE(fake::stream(connection, peer_stream).fin);
-    EXPECT_EQ(fake::sent(connection, peer_stream), std::string(1, 0)) << "an empty frame";
-    loop.fire_asyncs();
+    EXPECT_TRUE(is_closed()) << "a stream before the handshake";
     EXPECT_FALSE(is_reached(target, 50));
 
-    fake::deliver(connection, peer_control, handshake("secret"));
-    EXPECT_EQ(sent_code(), 0);
-    fake::deliver(connection, peer_stream + 4, request(target.where.port));
+    next_connection();
+    EXPECT_EQ(present("secret"), 0);
+    fake::deliver(connection, peer_stream, request(target.where.port));
     EXPECT_TRUE(is_reached(target, 10'000));
 }
 
-TEST_F(gateway, a_wrong_secret_is_refused_with_a_code_and_a_reason) {
-    serve(std::make_shared<secret_authorizer_t>("secret"));
-    for (const char* wrong : {"", "secre", "secret ", "Secret"}) {
-        fake::deliver(connection, peer_control, handshake(wrong));
-        EXPECT_EQ(sent_code(), secret_authorizer_t::wrong_secret) << wrong;
-        EXPECT_NE(fake::sent(connection, peer_control).find("wrong secret"), std::string::npos);
+TEST_F(gateway, a_wrong_id_and_a_wrong_secret_get_the_same_answer) {
+    user_list_t users;
+    users.set("alice", hash_secret("secret"));
+    serve(std::make_shared<user_list_t>(users));
+    std::string answers;
+    for (const auto& [id, wrong] : {std::pair("alice", "secre"), std::pair("bob", "secret")}) {
+        EXPECT_EQ(present(wrong, id), verdict_t::wrong_credentials) << id;
+        const std::string answered = fake::sent(connection, peer_control);
+        EXPECT_NE(answered.find("wrong id or secret"), std::string::npos);
+        EXPECT_TRUE(answers.empty() || answers == answered);
+        answers = answered;
         EXPECT_TRUE(fake::stream(connection, peer_control).fin) << "the refusal ends the connection";
         next_connection();
+        connection->peer_address = "192.0.2.2";
     }
+    connection->peer_address = "192.0.2.3";
+    EXPECT_EQ(present("secret", "alice"), 0);
+    // Revoked: the connection ends; a change that keeps the client does not end it.
+    shared->set_credentials(std::make_shared<user_list_t>(users));
+    EXPECT_FALSE(is_closed());
+    users.remove("alice");
+    shared->set_credentials(std::make_shared<user_list_t>(users));
+    EXPECT_TRUE(is_closed());
 }
 
-struct careless_authorizer_t : authorizer_t {
-    int authorize(const presented_t&, std::string&) override { return 0x10000; }
-};
-
-TEST_F(gateway, a_refusal_never_travels_as_success) {
-    serve(std::make_shared<careless_authorizer_t>());
-    fake::deliver(connection, peer_control, handshake("secret"));
-    EXPECT_GT(sent_code(), 0);
-}
-
-TEST_F(gateway, a_connection_that_nobody_authorises_is_closed) {
-    serve(std::make_shared<secret_authorizer_t>("secret"));
+TEST_F(gateway, a_stranger_has_one_small_message_and_little_time) {
+    serve(secret());
     fake::connection_t* silent = connection;
     next_connection();
-    fake::deliver(connection, peer_control, handshake("secret"));
+    EXPECT_EQ(present("secret"), 0);
     loop.fire_timers();
     EXPECT_TRUE(silent->deleted);
     EXPECT_FALSE(connection->deleted);
+
+    packet_t noise(16);
+    noise.pack_string("PATH");
+    const std::string announced("\x80\x01\x00\x00x", 5);  // 64 KiB
+    for (const std::string& wrong : {frame(noise), announced, handshake("secret") + handshake("secret")}) {
+        next_connection();
+        fake::deliver(connection, peer_control, wrong);
+        EXPECT_TRUE(is_closed());
+    }
 }
 
-TEST_F(gateway, a_stranger_cannot_make_the_server_keep_a_large_frame) {
-    serve(std::make_shared<secret_authorizer_t>("secret"));
-    const std::string announced("\x80\x01\x00\x00", 4);  // 64 KiB
-    fake::deliver(connection, peer_stream, announced + "x");
-    EXPECT_TRUE(fake::stream(connection, peer_stream).fin);
+TEST_F(gateway, forbidden_targets_cannot_be_reached_in_any_form) {
+    const app::listener_t target({"127.0.0.1", 0});
+    serve(secret(), "deny * * 127.0.0.1 *\nallow * * localhost *\nallow * * 127.0.0.0/8 *\nallow * * * *");
+    ASSERT_EQ(present("secret"), 0);
+    for (const char* host : {"127.0.0.1", "localhost", "::ffff:127.0.0.1", "::127.0.0.1", "0", "0.0.0.0", "", "*",
+                             "[*]", "2130706433", "127.1", "::1", "::"}) {
+        EXPECT_TRUE(is_ended(request(target.where.port, host))) << host;
+    }
+    EXPECT_FALSE(is_reached(target, 50));
+    shared->set_rules(rules("allow * tcp 127.0.0.1 *"));
+    EXPECT_FALSE(is_ended(request(target.where.port)));
+    EXPECT_TRUE(is_reached(target, 10'000));
+}
 
-    fake::deliver(connection, peer_control, handshake("secret"));
-    fake::deliver(connection, peer_stream + 4, announced + "x");
-    EXPECT_FALSE(fake::stream(connection, peer_stream + 4).fin) << "a client's frame is waited for";
+TEST_F(gateway, a_flood_ends_its_own_streams_at_the_limits) {
+    const app::listener_t target({"127.0.0.1", 0});
+    limits_t limits;
+    limits.client.instances = 2;
+    limits.client.streams = 4;
+    limits.client.queued_bytes = 4096;
+    serve(secret(), "allow * * 127.0.0.0/8 *", limits);
+    ASSERT_EQ(present("secret"), 0);
+    EXPECT_FALSE(is_ended(request(target.where.port)));
+    EXPECT_FALSE(is_ended(request(target.where.port)));
+    EXPECT_TRUE(is_ended(request(target.where.port)));
+    EXPECT_EQ(refusals(refusals_t::instance_limit), 1U);
+    EXPECT_FALSE(is_ended(std::string("\x40\x10x", 3))) << "a frame that is never finished";
+    EXPECT_TRUE(is_ended(std::string("\x40\x10x", 3)));
+    EXPECT_EQ(refusals(refusals_t::stream_limit), 1U);
+
+    packet_t large(8192);
+    large.pack_string(std::string(8000, 'x'));
+    fake::deliver(connection, peer_stream, frame(large));
+    loop.fire_asyncs();
+    EXPECT_EQ(refusals(refusals_t::queue_limit), 1U);
+    EXPECT_TRUE(fake::stream(connection, peer_stream).fin);
+    EXPECT_FALSE(fake::stream(connection, peer_stream + 4).fin) << "the others go on";
+    EXPECT_FALSE(is_closed());
+}
+
+TEST_F(gateway, a_lent_listener_leads_to_the_newest_connection_of_its_client) {
+    const app::listener_t listener({"127.0.0.1", 0});
+    serve(secret());
+    shared->lend(shared_secret_t::client_id, {listener.socket.fd(), "10.0.0.1", 80});
+    packet_t report(16);
+    report.pack_string("PATH");
+    const auto io_count = [&] {
+        loop.fire_asyncs();
+        return loop.count(fake::watcher_t::io);
+    };
+    ASSERT_EQ(present("secret"), 0);
+    EXPECT_EQ(io_count(), 0U) << "the client may not know yet that it is let in";
+    fake::deliver(connection, peer_control, frame(report));
+    EXPECT_EQ(io_count(), 1U);
+    fake::connection_t* const first = connection;
+    next_connection();
+    ASSERT_EQ(present("secret"), 0);
+    fake::deliver(connection, peer_control, frame(report));
+    EXPECT_EQ(io_count(), 1U);
+    fake::disconnect(connection);
+    EXPECT_EQ(io_count(), 1U) << "back to the one that is left";
+    fake::disconnect(first);
+    EXPECT_EQ(io_count(), 0U);
 }
 
 TEST_F(gateway, a_client_opens_its_forwards_once_authorised_and_again_after_a_loss) {

@@ -112,6 +112,16 @@ void ledger::set_paths(std::vector<st_tndm_path_info_t> paths) {
     paths_.swap(paths);
 }
 
+std::string ledger::peer_address() const {
+    const std::lock_guard lock(mutex_);
+    return peer_address_;
+}
+
+void ledger::set_peer_address(std::string address) {
+    const std::lock_guard lock(mutex_);
+    peer_address_ = std::move(address);
+}
+
 void ledger::shut() {
     const std::lock_guard lock(mutex_);
     open_ = false;

@@ -43,6 +43,8 @@ class ledger {
     int request_writable(uint64_t stream, uint64_t low_water);
     bool open() const;
     std::vector<st_tndm_path_info_t> paths() const;
+    // Of the first carrier; empty when there has been none yet.
+    std::string peer_address() const;
 
     // --- the loop's thread ---
     void set_credit(unsigned kind, uint64_t count);
@@ -52,6 +54,7 @@ class ledger {
     // Books what went out; gives the streams that somebody waits for and that have come down far enough.
     std::vector<uint64_t> progress(std::span<const core::bundle::progress> sent);
     void set_paths(std::vector<st_tndm_path_info_t> paths);
+    void set_peer_address(std::string address);
     // The connection is over: everything fails from now on.
     void shut();
 
@@ -74,6 +77,7 @@ class ledger {
     uint64_t queued_ = 0;
     uint64_t sent_ = 0;
     std::vector<st_tndm_path_info_t> paths_;
+    std::string peer_address_;
 };
 
 }  // namespace tndm

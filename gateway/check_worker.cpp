@@ -1,0 +1,67 @@
+#include "gateway/check_worker.h"
+
+#include <utility>
+
+namespace tandem {
+
+check_worker_t::check_worker_t(st_tloop_t* loop) : loop_(loop) {
+    loop_->ops->enter(loop_);
+    done_async_ = loop_->ops->async_create(loop_, on_done, this);
+    if (done_async_ != nullptr) loop_->ops->async_start(loop_, done_async_);
+    loop_->ops->leave(loop_);
+    thread_ = std::thread(&check_worker_t::run, this);
+}
+
+check_worker_t::~check_worker_t() {
+    {
+        const std::lock_guard lock(mutex_);
+        stopping_ = true;
+    }
+    changed_.notify_all();
+    thread_.join();
+    loop_->ops->enter(loop_);
+    if (done_async_ != nullptr) loop_->ops->async_destroy(loop_, done_async_);
+    loop_->ops->leave(loop_);
+}
+
+bool check_worker_t::check(std::shared_ptr<const credentials_t> credentials, presented_t client, result_t result) {
+    {
+        const std::lock_guard lock(mutex_);
+        if (done_async_ == nullptr || waiting_.size() + done_.size() >= most_waiting) return false;
+        waiting_.push_back({std::move(credentials), std::move(client), std::move(result), std::nullopt});
+    }
+    changed_.notify_all();
+    return true;
+}
+
+void check_worker_t::run() {
+    std::unique_lock lock(mutex_);
+    while (true) {
+        changed_.wait(lock, [this] { return stopping_ || !waiting_.empty(); });
+        if (stopping_) return;
+        job_t job = std::move(waiting_.front());
+        waiting_.pop_front();
+        lock.unlock();
+        job.admission = job.credentials->check(job.client);
+        lock.lock();
+        done_.push_back(std::move(job));
+        // Under the mutex: the destructor frees the handle only when this thread has ended.
+        loop_->ops->async_send(loop_, done_async_);
+    }
+}
+
+void check_worker_t::tell() {
+    std::deque<job_t> done;
+    {
+        const std::lock_guard lock(mutex_);
+        done.swap(done_);
+    }
+    for (job_t& job : done)
+        job.result(std::move(job.admission));
+}
+
+void check_worker_t::on_done(st_tloop_t*, void*, void* user) {
+    static_cast<check_worker_t*>(user)->tell();
+}
+
+}  // namespace tandem

@@ -1,0 +1,57 @@
+#ifndef TANDEM_GATEWAY_TEXT_FILE_H
+#define TANDEM_GATEWAY_TEXT_FILE_H
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+#include <utility>
+
+namespace tandem {
+
+// Owns a file descriptor; -1 is none.
+class descriptor_t {
+  public:
+    explicit descriptor_t(int fd = -1) : fd_(fd) {}
+    descriptor_t(descriptor_t&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    descriptor_t& operator=(descriptor_t&& other) noexcept {
+        std::swap(fd_, other.fd_);
+        return *this;
+    }
+    descriptor_t(const descriptor_t&) = delete;
+    descriptor_t& operator=(const descriptor_t&) = delete;
+    ~descriptor_t() {
+        if (fd_ >= 0) close(fd_);
+    }
+
+    int fd() const { return fd_; }
+    explicit operator bool() const { return fd_ >= 0; }
+
+  private:
+    int fd_;
+};
+
+// Both return what is wrong and how to mend it, behind the file's name; empty when all is well.
+
+// Whether an open file is regular, this process's user's or root's, and closed to everybody else.
+std::string check_private(const std::string& path, int fd);
+// A regular file of at most 1 MiB, from its beginning.
+std::string read_text(const std::string& path, int fd, std::string& text);
+std::string read_text(const std::string& path, std::string& text);
+
+// Tells when a file has become another one, or has other contents. A file that is missing is one too.
+class file_watch_t {
+  public:
+    explicit file_watch_t(std::string path) : path_(std::move(path)) { is_changed(); }
+    const std::string& path() const { return path_; }
+    // Since the last call, or construction.
+    bool is_changed();
+
+  private:
+    std::string path_;
+    struct stat last_ {};
+};
+
+}  // namespace tandem
+
+#endif  // TANDEM_GATEWAY_TEXT_FILE_H
