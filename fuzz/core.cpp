@@ -52,7 +52,10 @@ link_settings read_link(fuzz::input& in) {
 
 class play {
   public:
-    play(fuzz::input& in) : in_(in), options_(read_options(in)), sim_(options_) {
+    explicit play(fuzz::input& in) : in_(in), options_(read_options(in)), sim_(options_) {
+        const uint8_t schedules = in_.byte();
+        if ((schedules & 1) != 0) sim_.client.bundle.set_schedule(core::redundant());
+        if ((schedules & 2) != 0) sim_.server.bundle.set_schedule(core::redundant());
         const uint32_t paths = in_.between(1, 3);
         for (uint32_t i = 0; i < paths; ++i) {
             sim_.add_path(read_link(in_));
