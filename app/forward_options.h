@@ -29,7 +29,7 @@ struct typed_forwards_t {
 
 void add_forward_options(CLI::App& command, typed_forwards_t& typed);
 // Throws failure_t (exit code 2).
-forwards_t checked_forwards(const typed_forwards_t& typed, bool needs_one);
+forwards_t checked_forwards(const typed_forwards_t& typed, bool needs_one = true);
 
 // The addresses that a host has just now, as texts; resolving a name may block. None when it does not resolve.
 std::vector<std::string> numeric_addresses(const std::string& host);
