@@ -78,6 +78,20 @@ TEST_F(schedules, many_small_streams_do_not_starve_bulk) {
     expect_intact();
 }
 
+TEST_F(schedules, streams_that_open_and_end_do_not_starve_bulk) {
+    start({{.mbit = 20, .delay = 10ms}}, with_window(60'000));
+    warm_up();
+    send(client(), 4, 20'000'000);
+    const uint64_t before = server().received[4].bytes;
+    for (uint64_t stream = 8; stream < 8 + 4 * 1000; stream += 4) {
+        send(client(), stream, 8000, true);  // 32 Mbit/s
+        run_for(2ms);
+    }
+    EXPECT_GT(mbit(server().received[4].bytes - before, 2s), 2);
+    run_until_done(60s);
+    expect_intact();
+}
+
 TEST_F(schedules, a_transfer_uses_both_paths_and_its_end_waits_for_neither) {
     start({{.mbit = 80, .delay = 10ms}, {.mbit = 20, .delay = 40ms}}, with_window(300'000));
     warm_up();

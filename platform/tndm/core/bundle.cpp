@@ -153,6 +153,9 @@ void bundle::remove_lane(lane_id id, instant now) {
         }
     }
     lanes_.erase(id);
+    for (auto& [other, each] : lanes_) {
+        each.forget(id);
+    }
 }
 
 lane* bundle::lane_of(lane_id id) {

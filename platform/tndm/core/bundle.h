@@ -174,6 +174,7 @@ class bundle {
         instant held_since = never;  // left to faster lanes, none of which has taken anything since then
     };
     static constexpr uint64_t turn = 16384;  // bytes
+    static constexpr uint64_t most_ahead = 4 * turn;
 
     // bundle.cpp
     static unsigned kind_of(uint64_t id) { return (id >> 1) & 1; }
@@ -237,6 +238,7 @@ class bundle {
     // Sending.
     std::array<line, 2> lines_;
     uint64_t bulk_sent_ = 0;  // by streams in the bulk line
+    uint64_t ahead_ = 0;      // bytes by which the prompt line is ahead of bulk that waits, up to `most_ahead`
     stream_list resend_;      // streams with bytes to be sent again
     uint64_t peer_window_;
     uint64_t sent_total_ = 0;

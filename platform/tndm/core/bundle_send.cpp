@@ -200,8 +200,9 @@ bool bundle::may_take_fresh(unsigned which, const lane& l) const {
 }
 
 std::optional<outgoing> bundle::next_fresh(const lane& l, size_t room, instant now) {
-    auto out = next_fresh(prompt, l, room, now);
-    return out ? out : next_fresh(bulk, l, room, now);
+    const unsigned first = ahead_ < most_ahead ? prompt : bulk;
+    auto out = next_fresh(first, l, room, now);
+    return out ? out : next_fresh(first == prompt ? bulk : prompt, l, room, now);
 }
 
 std::optional<outgoing> bundle::next_fresh(unsigned which, const lane& l, size_t room, instant now) {
@@ -413,10 +414,13 @@ void bundle::chunk_sent(lane& l, stream& s, const outgoing& datagram) {
     if (s.line != nowhere && !datagram.overdue) {
         lines_[s.line].held_since = never;
     }
+    // Each stream's allowance alone bounds nothing where ever more of them come: bulk keeps a fifth.
     if (s.line == prompt) {
         s.prompt_left -= std::min(s.prompt_left, bytes);
+        ahead_ = lines_[bulk].streams.empty() ? 0 : std::min(ahead_ + bytes, most_ahead);
     } else {
         bulk_sent_ += bytes;
+        ahead_ -= std::min(ahead_, 4 * bytes);
     }
     s.send.mark_fresh_sent(part);
     sent_total_ += bytes;

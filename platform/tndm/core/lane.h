@@ -98,6 +98,7 @@ class lane {
     lane_counters& counters() { return counters_; }
     // How far this lane has looked through another one's flight for something to copy.
     uint64_t& copied_up_to(lane_id other) { return copied_up_to_[other]; }
+    void forget(lane_id other) { copied_up_to_.erase(other); }
     uint64_t copied_up_to(lane_id other) const {
         const auto found = copied_up_to_.find(other);
         return found == copied_up_to_.end() ? 0 : found->second;
