@@ -45,8 +45,9 @@ void check_worker_t::run() {
         job.admission = job.credentials->check(job.client);
         lock.lock();
         done_.push_back(std::move(job));
-        // Under the mutex: the destructor frees the handle only when this thread has ended.
+        lock.unlock();
         loop_->ops->async_send(loop_, done_async_);
+        lock.lock();
     }
 }
 

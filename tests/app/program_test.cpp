@@ -1,6 +1,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
+
 #include "tests/e2e/link_fixture.h"
 #include "tests/e2e/network.h"
 
@@ -85,6 +87,40 @@ TEST(program, a_refused_client_ends_and_the_server_goes_on) {
     client.signal(SIGTERM);
     EXPECT_EQ(client.wait(), 0);
     EXPECT_EQ(client.errors(), "");
+}
+
+TEST(program, users_rules_and_listeners_at_the_server) {
+    const link_fixture_t link;
+    const service_t service(echo);
+    const std::string users = link.scratch().path("users");
+    const auto user = [&](const char* what, const std::string& id) {
+        return run({program(), "user", what, id, "--users", users});
+    };
+    const std::string secret = link.scratch().write("alice", user("add", "alice"));
+    user("add", "bob");
+    EXPECT_EQ(run({program(), "user", "list", "--users", users}), "alice\nbob\n");
+
+    const std::string target = "127.0.0.1:" + std::to_string(service.port());
+    const std::string rules = link.scratch().write("rules", "allow alice tcp 127.0.0.0/8 *\n");
+    auto args = with(link.server_args(), "--secret", users);
+    *std::find(args.begin(), args.end(), "--secret") = "--users";
+    args.erase(std::find(args.begin(), args.end(), "--allow"), args.end());
+    args.insert(args.end(), {"--rules", rules, "--reverse", "tcp:0=alice:" + target});
+    process_t server(args);
+    const uint16_t reversed = wait_forward(server);
+    auto client_args = with(link.client_args(service.port()), "--secret", secret);
+    client_args.insert(client_args.end(), {"--id", "alice", "--allow", "tcp 127.0.0.1 *"});
+    process_t client(client_args);
+    const uint16_t port = wait_forward(client);
+    EXPECT_EQ(exchange(connect_tcp(port).fd(), 1, 1000), "");
+    EXPECT_EQ(exchange(connect_tcp(reversed).fd(), 1, 1000), "");
+
+    link.scratch().write("rules", "allow bob tcp 127.0.0.0/8 *\n");
+    EXPECT_TRUE(server.wait_error("the rules are read again"));
+    EXPECT_NE(exchange(connect_tcp(port).fd(), 1, 1000), "") << "the target is denied now";
+    user("remove", "alice");
+    EXPECT_EQ(client.wait(), 1) << "revoked, and refused when it comes again";
+    expect_part(client.errors(), "refused this client (wrong id or secret)");
 }
 
 TEST(program, a_server_that_is_not_trusted_gets_no_secret) {

@@ -138,10 +138,20 @@ class gateway : public testing::Test, public client_observer_t {
         next_connection();
     }
 
+    // As the transport's callbacks do, this runs while the loop is held.
+    template <typename act_t>
+    void in_loop(const act_t& act) {
+        loop.handle()->ops->enter(loop.handle());
+        act();
+        loop.handle()->ops->leave(loop.handle());
+    }
+
     void next_connection() {
         connection = fake::connect("tndm");
-        fake::establish(connection);
-        fake::deliver(connection, peer_control, marker());
+        in_loop([this] {
+            fake::establish(connection);
+            fake::deliver(connection, peer_control, marker());
+        });
     }
 
     bool is_closed() const { return connection->deleted; }
@@ -284,16 +294,16 @@ TEST_F(gateway, a_lent_listener_leads_to_the_newest_connection_of_its_client) {
     };
     ASSERT_EQ(present("secret"), 0);
     EXPECT_EQ(io_count(), 0U) << "the client may not know yet that it is let in";
-    fake::deliver(connection, peer_control, frame(report));
+    in_loop([&] { fake::deliver(connection, peer_control, frame(report)); });
     EXPECT_EQ(io_count(), 1U);
     fake::connection_t* const first = connection;
     next_connection();
     ASSERT_EQ(present("secret"), 0);
-    fake::deliver(connection, peer_control, frame(report));
+    in_loop([&] { fake::deliver(connection, peer_control, frame(report)); });
     EXPECT_EQ(io_count(), 1U);
-    fake::disconnect(connection);
+    in_loop([&] { fake::disconnect(connection); });
     EXPECT_EQ(io_count(), 1U) << "back to the one that is left";
-    fake::disconnect(first);
+    in_loop([&] { fake::disconnect(first); });
     EXPECT_EQ(io_count(), 0U);
 }
 
