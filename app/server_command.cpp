@@ -66,7 +66,7 @@ int run_server(const server_command_t& command, const standard_streams_t& stream
         for (const listening_forward_t& forward : opened.lent())
             gateway->lend(client, forward);
         for (const std::string& line : opened.lines())
-            lines.push_back(line + " of " + client);
+            lines.emplace_back(line).append(" of ").append(client);
     }
     std::unique_ptr<watch_t> watch;
     if (command.link.watch != watch_mode_t::none) {
