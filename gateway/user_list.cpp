@@ -62,7 +62,7 @@ std::string user_list_t::read(std::string_view text) {
         const size_t hash_begin = std::min(line.find_first_not_of(" \t", id_end), line.size());
         const std::string hash(line.substr(hash_begin));
         if (!is_id(id)) return place + "begins with no client's id; write ID HASH, as `tandem user add` does";
-        if (!is_hash(hash)) return place + "the hash of " + id + " cannot be used; add that user again";
+        if (!is_hash(hash)) return place + "the hash cannot be used; add that user again";
         if (!users.emplace(id, hash).second) return place + id + " is there already; remove one of the two lines";
     }
     users_ = std::move(users);
