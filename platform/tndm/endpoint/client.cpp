@@ -18,6 +18,8 @@ constexpr auto answer_time = std::chrono::seconds(5);
 constexpr milliseconds first_pause{200};
 // A connection that has lived this long was a good one: the next try is not held back.
 constexpr auto good_life = std::chrono::seconds(5);
+// Likewise a lane.
+constexpr auto good_lane = std::chrono::seconds(1);
 constexpr int batches_at_once = 4;
 
 const core::schedule& schedule_of(control::policy named) {
@@ -227,12 +229,14 @@ void client::on_welcome(lane& of, const control::welcome& welcome, const pass& p
     connected_at_ = p.now;
     greeter_.reset();
     of.at = lane::stage::joined;
+    of.joined_at = p.now;
     of.give_up = core::never;
     of.flow().send(control::ready{});
     connection_->add(of, true, of.backup, p.now);
     if (path* on = path_of(of)) {
         on->pause = milliseconds(0);
         on->tries = 0;
+        on->between_restarts = core::duration::zero();
     }
 }
 
@@ -251,6 +255,7 @@ void client::join(lane& of, const pass& p) {
 
 void client::on_joined(lane& of, const pass& p) {
     of.at = lane::stage::joined;
+    of.joined_at = p.now;
     of.give_up = core::never;
     of.flow().send(control::ready{});
     connection_->add(of, true, of.backup, p.now);
@@ -262,6 +267,7 @@ void client::on_joined(lane& of, const pass& p) {
     }
     on->pause = milliseconds(0);
     on->tries = 0;
+    on->between_restarts = core::duration::zero();
     if (on->fresh.get() == &of) {
         const auto old = std::exchange(on->current, std::exchange(on->fresh, nullptr));
         if (old != nullptr) {
@@ -288,8 +294,8 @@ void client::on_end(lane& of, const pass& p) {
         touch(*connection_);
     }
     if (path* on = path_of(of)) {
-        if (!was_joined) {
-            failed(*on, false, p);
+        if (!was_joined || p.now - of.joined_at < good_lane) {
+            failed(*on, false, p);  // or a server that takes lanes only to end them would be asked without end
         } else {
             on->next_try = p.now;
             on->wanting = true;

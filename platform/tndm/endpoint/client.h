@@ -62,6 +62,7 @@ class client : public engine {
         unsigned tries = 0;                      // in vain since then
         core::instant restart_at = core::never;  // an unheard handshake begins again
         core::instant restarted_at{};
+        core::duration between_restarts{0};
     };
 
     void readable(const std::shared_ptr<lane>& from);

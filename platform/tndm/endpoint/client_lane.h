@@ -37,6 +37,7 @@ class client::lane final : public carrier {
     const bool backup;
     stage at = stage::handshake;
     core::instant give_up = core::never;
+    core::instant joined_at{};
     std::unique_ptr<io_watcher> watcher;
 
   private:

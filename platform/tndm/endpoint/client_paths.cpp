@@ -23,8 +23,10 @@ constexpr milliseconds quick_pause{50};
 // Pauses between other tries double from one to the other.
 constexpr milliseconds first_pause{200};
 constexpr milliseconds longest_pause{5000};
-// Routes may come by the thousand; a handshake begins again for their sake only so often.
-constexpr milliseconds between_restarts{100};
+// Routes may come by the thousand, and for ever: a handshake begins again for their sake ever more rarely, or one that
+// needs longer would never end.
+constexpr core::duration first_between_restarts = milliseconds(100);
+constexpr core::duration longest_between_restarts = std::chrono::seconds(10);
 
 }  // namespace
 
@@ -210,11 +212,12 @@ void client::on_change(const link_table::change& change, const pass& p) {
         case link_table::change::kind::came:
             on->pause = milliseconds(0);
             on->tries = 0;
+            on->between_restarts = core::duration::zero();
             on->next_try = p.now;
             on->wanting = true;
             [[fallthrough]];
         case link_table::change::kind::routed:
-            on->restart_at = std::min(on->restart_at, std::max(p.now, on->restarted_at + between_restarts));
+            on->restart_at = std::min(on->restart_at, std::max(p.now, on->restarted_at + on->between_restarts));
             break;
     }
 }
@@ -230,6 +233,7 @@ void client::restart_unheard(path& on, const pass& p) {
         if (of != nullptr && of->unheard()) {
             abandon(of, close_code::subflow_only, p);
             on.next_try = p.now;
+            on.between_restarts = std::clamp(2 * on.between_restarts, first_between_restarts, longest_between_restarts);
         }
     }
     if (on.current == nullptr) {
