@@ -141,11 +141,12 @@ TEST_F(lifetime, a_server_may_be_destroyed_inside_its_data_callback) {
         std::atomic<int> left = 4;
         std::promise<void> happened;
         server->on_data = [&](void*, uint64_t, bool, const uint8_t*, uint32_t) {
-            if (--left == 0) {
+            const int now = --left;
+            EXPECT_GE(now, 0) << "called back after the end";
+            if (now == 0) {
                 server->destroy();
-                happened.set_value();
+                happened.set_value();  // from here on nothing of the test may be touched
             }
-            EXPECT_GE(left, 0) << "called back after the end";
         };
         ASSERT_EQ(server->start(), 0);
         start(two_paths);

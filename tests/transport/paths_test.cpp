@@ -20,7 +20,7 @@ path_book::lane_figures lane(const std::string& name, uint64_t counted, uint64_t
 
 TEST(path_book, sums_the_subflows_of_a_path_and_never_counts_backwards) {
     path_book book;
-    const std::string a = "a", b = "b";
+    const std::string a = "a", b = "b", c = "c";
     book.joined(a);
     book.joined(b);
     std::vector<path_book::lane_figures> live = {lane(b, 1, 1000), lane(a, 10, 9000, false)};
@@ -46,7 +46,7 @@ TEST(path_book, sums_the_subflows_of_a_path_and_never_counts_backwards) {
     EXPECT_EQ(told[0].rtt + told[0].window + told[0].delivery_rate, 0U);
     live[0].backup = true;
     EXPECT_EQ(book.records(live, nullptr)[1].state, TNDM_PATH_CONNECTED) << "nothing else works";
-    live.push_back(lane("c", 1));
+    live.push_back(lane(c, 1));
     EXPECT_EQ(book.records(live, nullptr)[1].state, TNDM_PATH_IDLE);
 }
 
