@@ -34,8 +34,8 @@ bool listen_address(const std::string& address, unsigned short port, sockaddr_st
     return true;
 }
 
-bool bind_address(int fd, const sockaddr_storage& address) {
-    const int on = 1;
+bool bind_address(int fd, const sockaddr_storage& address, bool reuse = true) {
+    const int on = reuse ? 1 : 0;
     setsockopt(fd, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
     make_nonblocking(fd);
     return bind(fd, as_sockaddr(address), sizeof(address)) == 0;
@@ -104,7 +104,10 @@ int advanced_connection_context_t::open_udp_socket(const std::string& address, u
     }
     setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &receive_buffer, sizeof(receive_buffer));
     log_message(name, 1572, "Open UDP Socket - Optimized socket sender receive buffer to %d\n", receive_buffer);
-    if (!bind_address(fd, addr)) {
+    // Among UDP sockets that reuse addresses the kernel hands out one port twice: answers for one peer would then go to
+    // another. The classic way does it nevertheless.
+    const bool reuse = *port != 0 || !lossless();
+    if (!bind_address(fd, addr, reuse)) {
         log_message(name, 1582, "Open UDP Socket - ERROR! Failed to bind socket at (%s:%u)\n", address.c_str(), *port);
         close(fd);
         return -1;

@@ -1,4 +1,6 @@
 // The sockets and the option text.
+#include <set>
+
 #include "tests/forward/forward_fixture.h"
 
 namespace forward_test {
@@ -32,6 +34,17 @@ TEST_F(sockets, listeners_report_their_port_and_take_names_for_interfaces) {
     unsigned short port6 = 0;
     const fd_t ipv6(context->open_tcp_listen_socket("[*]", &port6));
     EXPECT_TRUE(ipv6 < 0 || port6 != 0);
+}
+
+TEST_F(sockets, no_two_of_the_systems_choice_share_a_port_where_nothing_may_get_lost) {
+    context->set_delivery(tandem::delivery_t::lossless);
+    std::vector<fd_t> open;
+    std::set<unsigned short> ports;
+    for (int i = 0; i < 900; ++i) {
+        unsigned short port = 0;
+        ASSERT_GE(open.emplace_back(context->open_udp_socket("127.0.0.1", &port)), 0);
+        EXPECT_TRUE(ports.insert(port).second) << port;
+    }
 }
 
 TEST_F(sockets, connecting_and_its_failures) {
