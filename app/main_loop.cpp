@@ -1,5 +1,6 @@
 #include "app/main_loop.h"
 
+#include <pthread.h>
 #include <sys/resource.h>
 #include <sys/signalfd.h>
 
@@ -23,9 +24,23 @@ sigset_t stop_signals() {
     return set;
 }
 
+// A worker may wait for a name, and a thousand may live at once. Stacks of 8 MiB, as most systems have them, would then
+// be more than the addresses of a 32-bit process.
+void limit_stacks() {
+#ifdef __GLIBC__
+    if constexpr (sizeof(void*) > 4) return;
+    pthread_attr_t attributes;
+    if (pthread_attr_init(&attributes) != 0) return;
+    pthread_attr_setstacksize(&attributes, size_t{1} << 20);
+    pthread_setattr_default_np(&attributes);
+    pthread_attr_destroy(&attributes);
+#endif
+}
+
 }  // namespace
 
 void prepare_process() {
+    limit_stacks();
     const sigset_t set = stop_signals();
     pthread_sigmask(SIG_BLOCK, &set, nullptr);
     signal(SIGPIPE, SIG_IGN);

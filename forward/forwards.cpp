@@ -164,9 +164,12 @@ void advanced_connection_context_t::pass_pending_remote(bool stop) {
         } else if (inst->state == STATE_TO_OPEN && create_socket_connection_instance(inst, false)) {
             entry = pending_remote.erase(entry);
             put(remote_instances, int{inst->fd}, inst);
-            if (inst->type == TYPE_UDP) {
+            {
                 std::lock_guard guard(inst->lock);
-                flush_datagrams(*inst);
+                // The worker has written its result. A thread keeps its stack until somebody lets go of it: one for
+                // each open connection is more than the addresses of a 32-bit process.
+                if (inst->connect_thread.joinable()) inst->connect_thread.detach();
+                if (inst->type == TYPE_UDP) flush_datagrams(*inst);
             }
             start_rx(inst);
             start_tx(inst);
