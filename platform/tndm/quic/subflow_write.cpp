@@ -33,6 +33,8 @@ constexpr size_t largest_packet = 1452;
 constexpr uint64_t small_window = 128 * largest_packet;
 // How many windows may leave in a round trip at the most.
 constexpr double windows_a_round = 2;
+// A wake-up that comes late is made up for, as far as this.
+constexpr core::duration late_credit = std::chrono::milliseconds(4);
 
 ngtcp2_tstamp stamp(core::instant now) {
     return static_cast<ngtcp2_tstamp>(now.time_since_epoch().count());
@@ -59,23 +61,22 @@ void subflow::flush(core::instant now, std::span<uint8_t> buffer, const batch_si
         }
     }
     held_back_ = false;
-    const uint64_t first = bundle_ == nullptr ? 0 : bundle_->next_id(lane_);
     for (bool more = true; more && !ended_;) {
         more = write_batch(now, buffer, sink);
         ngtcp2_conn_update_pkt_tx_time(connection_, stamp(now));
     }
     update_deadline();
-    // What went out just now has armed the library's own pacing, which is the slower one most of the time.
-    const bool armed = bundle_ != nullptr && bundle_->next_id(lane_) != first && deadline_ > now;
-    if (held_back_ && !ended_ && !armed) {
+    if (held_back_ && !ended_) {
         deadline_ = deadline_ > now ? std::min(deadline_, pace_until_) : pace_until_;
     }
 }
 
 // The library's pacing alone does not keep a window from leaving in one burst, which a short queue drowns: until it has
 // filled the pipe it counts with a round trip of a millisecond, and afterwards each acknowledgement lets go what waits.
+// Large windows are left to the library: they belong to paths where a late wake-up costs more than a burst.
 void subflow::bound_pace(const ngtcp2_conn_stat& stat) {
-    const bool known = handshake_completed_ && stat.first_rtt_sample_ts != UINT64_MAX && stat.smoothed_rtt > 0;
+    const bool known = stat.cwnd < small_window && handshake_completed_ && stat.first_rtt_sample_ts != UINT64_MAX &&
+                       stat.smoothed_rtt > 0;
     pace_ = known ? windows_a_round * static_cast<double>(stat.cwnd) / static_cast<double>(stat.smoothed_rtt) : 0;
 }
 
@@ -124,7 +125,8 @@ bool subflow::write_batch(core::instant now, std::span<uint8_t> buffer, const ba
     }
     hand_over();
     if (pace_ > 0) {
-        pace_until_ = now + core::duration(static_cast<core::duration::rep>(static_cast<double>(end) / pace_));
+        pace_until_ = std::max(pace_until_, now - late_credit) +
+                      core::duration(static_cast<core::duration::rep>(static_cast<double>(end) / pace_));
     }
     return open;
 }
