@@ -99,6 +99,25 @@ TEST_P(blackout, is_over_soon_after_light_returns) {
         5s));
 }
 
+// The server may open nothing itself, and a slow path's window is filled to the brim.
+TEST_F(trouble, a_download_goes_on_soon_after_light_returns_to_a_slow_path) {
+    start_over(one_path, [](conditions& c) {
+        c.mbit = 8;
+        c.delay = 10ms;
+    });
+    const size_t size = 3'000'000;
+    const uint64_t down = side::send(at_server, random_content(size, 4), true);
+    ASSERT_TRUE(client->received(at_client, down, 600'000, false));
+    net->dark(one_path[0], true);
+    std::this_thread::sleep_for(4s);  // the darkness is the subject of the test
+    net->dark(one_path[0], false);
+    const auto light = clock::now();
+    const uint64_t before = client->size(at_client, down);
+    ASSERT_TRUE(client->received(at_client, down, before + 1, false));
+    EXPECT_LT(seconds_since(light), 1.0);
+    ASSERT_TRUE(client->received(at_client, down, size, true));
+}
+
 void PrintTo(const darkness& d, std::ostream* out) {
     *out << d.time.count() << " ms, " << d.paths << " paths";
 }

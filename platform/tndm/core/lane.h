@@ -76,6 +76,8 @@ class lane {
     bool wants_fresh_carrier(instant now) const {
         return suspect_ && (probe_refused_ || now - waiting_since_ >= overdue_after);
     }
+    // Its window is full of what a dark path has swallowed, so it cannot even ask whether the path is back.
+    bool stuck() const { return suspect_ && probe_refused_; }
     // Nothing has been heard since then although something is under way.
     instant waiting_since() const { return waiting_since_; }
 

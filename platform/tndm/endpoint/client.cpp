@@ -283,9 +283,9 @@ void client::on_end(lane& of, const pass& p) {
     const auto ending = of.flow().ended().value_or(subflow::ending{.reason = "the socket has failed"});
     const bool was_joined = of.at == lane::stage::joined;
     keep->close(close_code::subflow_only, p);  // while the socket is still ours
-    if (connection_ != nullptr && (ending.code == close_code::join_refused || (ending.reset && is_last(of)))) {
-        // The server has forgotten the connection: there is nothing to wait for. A reset alone tells that only of this
-        // subflow; while another one answers, the next join will find out.
+    if (connection_ != nullptr && ending.code == close_code::join_refused) {
+        // The server has forgotten the connection: there is nothing to wait for. A stateless reset tells that only of
+        // one subflow (the server may have ended it, and its goodbye was lost); the next join will find out.
         connection_->end(close_code::bundle_closed);
         touch(*connection_);
     } else if (was_joined && connection_ != nullptr &&
@@ -314,15 +314,6 @@ void client::on_end(lane& of, const pass& p) {
         tell_problem(ending.by_peer ? TNDM_PROBLEM_REFUSED : TNDM_PROBLEM_UNREACHABLE,
                      server_.text() + " over " + of.path() + ": " + ending.reason);
     }
-}
-
-// No other lane of the connection answers.
-bool client::is_last(const lane& of) const {
-    const auto& all = connection_->carriers();
-    return std::none_of(all.begin(), all.end(), [&](const carrier* each) {
-        const core::lane* other = each == &of ? nullptr : connection_->lane_of(*each);
-        return other != nullptr && !other->suspect();
-    });
 }
 
 void client::tell_problem(int problem, const std::string& text) {

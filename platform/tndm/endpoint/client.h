@@ -92,7 +92,6 @@ class client : public engine {
     void tell_problem(int problem, const std::string& text);
     path* path_of(const lane& of);
     path* path_named(const std::string& name);
-    bool is_last(const lane& of) const;
     std::vector<path_book::wish> wishes() const;
 
     const target target_;

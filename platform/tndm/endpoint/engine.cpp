@@ -67,6 +67,7 @@ void engine::on_time(const pass& p) {
     }
     for (connection* of : connection_deadlines_.due(p.now)) {
         of->on_time(p.now);
+        on_time_of(*of, p);
         touch(*of);
     }
     on_own_time(p);

@@ -70,6 +70,8 @@ class engine {
   protected:
     virtual void apply_own(command&, const pass&) {}
     virtual void on_own_time(const pass&) {}
+    // A deadline of the connection has come; its carriers may be dropped.
+    virtual void on_time_of(connection&, const pass&) {}
     virtual core::instant own_deadline() const { return core::never; }
     // The carrier's handshake, messages or end need looking at.
     virtual void advance(const std::shared_ptr<carrier>& of, const pass& p) = 0;

@@ -23,6 +23,8 @@ constexpr auto patience = std::chrono::seconds(10);
 // One that has joined and does not say that it is ready has lost the path meanwhile: nothing may be sent on the lane,
 // so nothing else would show it.
 constexpr auto ready_time = std::chrono::seconds(5);
+// How long a lane may wait for the QUIC library to ask whether its path is back; the back-off doubles each time.
+constexpr auto longest_stuck = std::chrono::seconds(1);
 constexpr ngtcp2_duration token_lifetime = 10 * NGTCP2_SECONDS;
 // Batches of datagrams that are read before the loop gets its turn.
 constexpr int batches_at_once = 4;
@@ -76,6 +78,7 @@ class server::lane final : public carrier, public id_registrar {
     bool counted = true;    // stands in `handshakes_`
     core::instant give_up = core::never;
     uint32_t number = 0;  // which the client has given it
+    bool heard_when_stuck = false;
 
   private:
     server& owner_;
@@ -139,6 +142,8 @@ void server::on_datagram(const received_datagram& datagram, const pass& p) {
     local.set_port(port_);
     lane& to = *found->second;
     to.flow().read(datagram.data, local, datagram.remote, datagram.ecn, p.now);
+    to.heard_when_stuck =
+        to.joined() != nullptr && to.joined()->lane_of(to) != nullptr && to.joined()->lane_of(to)->stuck();
     touch(to);
 }
 
@@ -308,6 +313,10 @@ void server::advance(const std::shared_ptr<carrier>& of, const pass& p) {
             return;
         }
     }
+    if (from.heard_when_stuck && !from.flow().ended()) {
+        part_with(from, p);
+        return;
+    }
     if (from.flow().ended() || from.broken()) {
         const auto ending = from.flow().ended().value_or(subflow::ending{.reason = "the socket has failed"});
         const bool whole = ending.code == close_code::bundle_closed || ending.code == close_code::violation;
@@ -430,14 +439,37 @@ void server::end(lane& of, close_code code, const pass& p) {
     drop(of, p);
 }
 
+// Ends a lane that cannot ask whether its path is back: its client opens another as soon as it hears of that.
+void server::part_with(lane& of, const pass& p) {
+    of.flow().close(close_code::subflow_only, p.now, p.buffer, [&](const outgoing_batch& batch) {
+        answer(batch.local, batch.remote, batch.data);
+        farewells_.add({batch.data.begin(), batch.data.end()}, batch.local, batch.remote, p.now);
+        return true;
+    });
+    end(of, close_code::subflow_only, p);
+}
+
+void server::on_time_of(connection& of, const pass& p) {
+    const auto all = of.carriers();
+    for (carrier* each : all) {
+        const core::lane* lane_of = of.lane_of(*each);
+        if (lane_of != nullptr && lane_of->stuck() && p.now - lane_of->waiting_since() >= longest_stuck) {
+            part_with(static_cast<lane&>(*each), p);
+        }
+    }
+}
+
 void server::on_own_time(const pass& p) {
+    farewells_.repeat(p.now, [this](const endpoint& local, const endpoint& remote, std::span<const uint8_t> datagram) {
+        answer(local, remote, datagram);
+    });
     while (!impatience_.empty() && impatience_.begin()->first <= p.now) {
         end(*impatience_.begin()->second, close_code::subflow_only, p);
     }
 }
 
 core::instant server::own_deadline() const {
-    return impatience_.empty() ? core::never : impatience_.begin()->first;
+    return std::min(farewells_.deadline(), impatience_.empty() ? core::never : impatience_.begin()->first);
 }
 
 void server::retire(connection& over, close_code code, const pass& p) {

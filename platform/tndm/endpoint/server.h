@@ -10,6 +10,7 @@
 #include <unordered_map>
 
 #include "platform/tndm/endpoint/engine.h"
+#include "platform/tndm/endpoint/farewells.h"
 #include "platform/tndm/quic/credentials.h"
 
 namespace tndm {
@@ -26,6 +27,7 @@ class server : public engine {
 
   protected:
     void on_own_time(const pass& p) override;
+    void on_time_of(connection& of, const pass& p) override;
     core::instant own_deadline() const override;
     void advance(const std::shared_ptr<carrier>& of, const pass& p) override;
     void retire(connection& over, close_code code, const pass& p) override;
@@ -54,6 +56,7 @@ class server : public engine {
     void wait_for(lane& of, core::instant until);
     void settle(lane& of, const pass& p);
     void end(lane& of, close_code code, const pass& p);
+    void part_with(lane& of, const pass& p);
 
     int socket_;
     uint16_t port_;
@@ -63,7 +66,8 @@ class server : public engine {
     batch_sender sender_;
     std::unordered_map<std::string, lane*> ids_;  // connection id bytes -> carrier
     std::map<control::bundle_id, connection*> bundles_;
-    size_t handshakes_ = 0;                                 // carriers that have not joined a bundle yet
+    size_t handshakes_ = 0;  // carriers that have not joined a bundle yet
+    farewells farewells_;
     std::set<std::pair<core::instant, lane*>> impatience_;  // when those, and lanes not ready yet, are given up
     // Stateless resets are rationed, or two hosts could make us answer each other for ever.
     core::instant reset_window_{};

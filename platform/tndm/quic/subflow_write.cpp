@@ -202,8 +202,9 @@ size_t subflow::largest_datagram(bool anchored) const {
 // window filled to the brim cannot even ask whether the path has come back.
 //
 // A small window has no room to spare. The library raises its idea of what the path holds only after the window was
-// full; never quite filled, it shrinks with each loss to a few packets a round trip and stays there. A path so slow
-// waits for a fresh carrier.
+// full; never quite filled, it shrinks with each loss to a few packets a round trip and stays there. After a darkness
+// such a path needs a fresh carrier, which the client opens when its own probes find no room, or when the server, which
+// hears the client again and cannot answer for the same reason, ends the old one.
 bool subflow::chunk_room(size_t packets) const {
     const uint64_t left = ngtcp2_conn_get_cwnd_left(connection_);
     if (window_ < small_window) {
