@@ -47,7 +47,8 @@ TEST(watch, prints_a_table_that_no_peer_can_spoil) {
     EXPECT_EQ(
         watch_table(report("a very long name \xff\n of a path"), watch_role_t::server),
         "1 client, down 80.0 Mbit/s, up 8.00 Mbit/s\n"
-        "client 7 gate?[2J: connected 1 min 2 s, down 80.0 Mbit/s, up 8.00 Mbit/s, queued 1.50 MB, growing by 800 kbit/s\n"
+        "client 7 gate?[2J: connected 1 min 2 s, down 80.0 Mbit/s, up 8.00 Mbit/s, queued 1.50 MB, "
+        "growing by 800 kbit/s\n"
         "  PATH                      STATE       AT CLIENT   ROUND TRIP          DOWN            UP     LOSS   SHARE\n"
         "  eth0                      CONNECTED   -              21.4 ms   80.0 Mbit/s   8.00 Mbit/s    0.5 %   100 %\n"
         "  a very long name ?? of ~  DEAD        \"}?                  -             0             0  100.0 %     0 "
