@@ -61,7 +61,7 @@ std::vector<std::string> words_of(const std::string& text) {
 }
 
 std::string take_route(const std::string& value, vpn_settings_t& out) {
-    const std::string fault =
+    std::string fault =
         "route: give a network, for example 10.20.0.0/16, or default, and 'via ADDRESS' behind it "
         "if it has a gateway";
     const auto words = words_of(value);

@@ -144,12 +144,12 @@ void join_hosts(const std::string& mode) {
     const std::string rule = "*;mode:" + mode + ";ifname:vpn*;address:10.8.0.0/24;mtu:1400;route:10.9.0.0/16";
     process_t server(joined(joined(nets.in_server(), link.server_args()), {"--allow-vpn", rule}));
     ASSERT_NE(server.wait_line("listening"), "") << server.errors();
-    const std::string spec = mode +
-                             ":vpn0;address:10.8.0.2/24;mtu:1400;route:10.7.0.0/16;up:ip addr add 10.9.0.2/32 dev " +
-                             "%ifname%;remote:'ifname:vpn1;address:10.8.0.1/24;route:10.9.0.0/16" +
-                             (mode == "tap" ? " via 10.8.0.2" : "") + "'";
+    const std::string device = mode +
+                               ":vpn0;address:10.8.0.2/24;mtu:1400;route:10.7.0.0/16;up:ip addr add 10.9.0.2/32 dev " +
+                               "%ifname%;remote:'ifname:vpn1;address:10.8.0.1/24;route:10.9.0.0/16" +
+                               (mode == "tap" ? " via 10.8.0.2" : "") + "'";
     process_t client(
-        joined(nets.in_client(), client_args(link, "--vpn", spec, "10.77.9.1", {"10.77.1.2", "10.77.2.2"})));
+        joined(nets.in_client(), client_args(link, "--vpn", device, "10.77.9.1", {"10.77.1.2", "10.77.2.2"})));
     ASSERT_EQ(client.wait_line("forwarding vpn "), "forwarding vpn vpn0") << client.errors();
 
     // The server's interface is made by a worker, which tells nobody here.
@@ -203,12 +203,12 @@ TEST(vpn, a_default_route_leaves_the_link_alone) {
     namespaces_t nets;
     process_t server(joined(joined(nets.in_server(), link.server_args()), {"--allow-vpn", "*;address:10.8.0.0/24"}));
     ASSERT_NE(server.wait_line("listening"), "") << server.errors();
-    const std::string spec = "tun:vpn0;address:10.8.0.2/24;route:default;remote:'address:10.8.0.1/24'";
-    process_t refused(joined(nets.in_client(), client_args(link, "--vpn", spec, "10.77.9.1", {"10.77.1.2", "c2"})));
+    const std::string device = "tun:vpn0;address:10.8.0.2/24;route:default;remote:'address:10.8.0.1/24'";
+    process_t refused(joined(nets.in_client(), client_args(link, "--vpn", device, "10.77.9.1", {"10.77.1.2", "c2"})));
     EXPECT_EQ(refused.wait(), 2);
     EXPECT_NE(refused.errors().find("would lead the link's own packets"), std::string::npos) << refused.errors();
     run(joined(nets.in_client(), {"ip", "route", "add", "10.77.9.1", "via", "10.77.2.1", "dev", "c2", "metric", "9"}));
-    process_t client(joined(nets.in_client(), client_args(link, "--vpn", spec, "10.77.9.1", {"c1", "c2"})));
+    process_t client(joined(nets.in_client(), client_args(link, "--vpn", device, "10.77.9.1", {"c1", "c2"})));
     ASSERT_NE(client.wait_line("forwarding vpn "), "") << client.errors();
     EXPECT_NE(run(joined(nets.in_client(), {"ip", "route", "get", "203.0.113.9"})).find("dev vpn0"), std::string::npos);
     EXPECT_TRUE(comes_true([&] {

@@ -206,7 +206,7 @@ void client::greet(const pass& p) {
         greeter_->at = lane::stage::greeting;
         greeter_->give_up = p.now + answer_time;
         greeter_->flow().send(control::hello{
-            each.spec.name,
+            each.named.name,
             {static_cast<uint32_t>(env_.own.streams), env_.own.stream_window, env_.own.connection_window},
             static_cast<uint32_t>(target_.linger.count()),
             greeter_->number,

@@ -50,7 +50,7 @@ class client : public engine {
     class lane;
     // One path that the application wants.
     struct path {
-        path_spec spec;
+        path_spec named;
         std::shared_ptr<lane> current;
         std::shared_ptr<lane> fresh;  // opened beside a current one that has gone silent
         std::chrono::milliseconds pause{0};

@@ -36,14 +36,14 @@ milliseconds client::longer_pause(milliseconds pause) {
 
 void client::add_path(const std::string& text, const pass& p) {
     std::string error;
-    auto spec = path_spec::parse(text, error);
-    if (!spec) {
+    auto named = path_spec::parse(text, error);
+    if (!named) {
         return;  // the instance has looked at it before
     }
     watch_network();
-    links_.watch(spec->name);
+    links_.watch(named->name);
     path added;
-    added.spec = std::move(*spec);
+    added.named = std::move(*named);
     added.next_try = p.now;
     added.wanting = true;
     paths_.push_back(std::move(added));
@@ -51,7 +51,7 @@ void client::add_path(const std::string& text, const pass& p) {
 
 void client::remove_path(const std::string& name, const pass& p) {
     const auto found =
-        std::find_if(paths_.begin(), paths_.end(), [&](const path& each) { return each.spec.name == name; });
+        std::find_if(paths_.begin(), paths_.end(), [&](const path& each) { return each.named.name == name; });
     if (found == paths_.end()) {
         return;
     }
@@ -74,7 +74,7 @@ client::path* client::path_of(const lane& of) {
 
 client::path* client::path_named(const std::string& name) {
     const auto found =
-        std::find_if(paths_.begin(), paths_.end(), [&](const path& each) { return each.spec.name == name; });
+        std::find_if(paths_.begin(), paths_.end(), [&](const path& each) { return each.named.name == name; });
     return found == paths_.end() ? nullptr : &*found;
 }
 
@@ -83,8 +83,8 @@ std::vector<path_book::wish> client::wishes() const {
     std::vector<path_book::wish> all;
     for (const path& each : paths_) {
         const bool opening = each.current != nullptr || each.fresh != nullptr;
-        const bool untried = each.pause == milliseconds(0) && links_.of(each.spec.name) != presence::gone;
-        all.push_back({each.spec.name, opening ? TNDM_PATH_CONNECTING : untried ? TNDM_PATH_IDLE : TNDM_PATH_DEAD});
+        const bool untried = each.pause == milliseconds(0) && links_.of(each.named.name) != presence::gone;
+        all.push_back({each.named.name, opening ? TNDM_PATH_CONNECTING : untried ? TNDM_PATH_IDLE : TNDM_PATH_DEAD});
     }
     return all;
 }
@@ -98,14 +98,15 @@ core::duration client::patience_for(const path& on) const {
 }
 
 std::shared_ptr<client::lane> client::open(path& on, const pass& p) {
-    const int fd = env_.app.create_path != nullptr ? env_.app.create_path(env_.app.instance, on.spec.text.c_str()) : -1;
+    const int fd =
+        env_.app.create_path != nullptr ? env_.app.create_path(env_.app.instance, on.named.text.c_str()) : -1;
     if (env_.dead || fd <= 0) {
         if (fd > 0) {
             ::close(fd);
         }
         return nullptr;
     }
-    auto made = std::make_shared<lane>(on.spec, fd, next_lane_++);
+    auto made = std::make_shared<lane>(on.named, fd, next_lane_++);
     std::string error;
     auto tls = tls_session::create_client(target_.credentials, target_.alpn, error);
     if (tls == nullptr) {
@@ -143,7 +144,7 @@ void client::open_where_wanted(path& on, const pass& p) {
         abandon(std::exchange(on.fresh, nullptr), close_code::subflow_only, p);
     }
     on.wanting =
-        (on.current == nullptr || (silent && on.fresh == nullptr)) && links_.of(on.spec.name) != presence::gone;
+        (on.current == nullptr || (silent && on.fresh == nullptr)) && links_.of(on.named.name) != presence::gone;
     if (!on.wanting || p.now < on.next_try) {
         return;
     }
@@ -261,7 +262,7 @@ void client::lose_lanes(path& on, link_table::ipv4 bound_to, const pass& p) {
 void client::give_back(path& on, lane& of) {
     if (env_.app.path_broken != nullptr) {
         const int fd = of.release_socket();
-        env_.app.path_broken(env_.app.instance, on.spec.text.c_str(), fd);
+        env_.app.path_broken(env_.app.instance, on.named.text.c_str(), fd);
     }
 }
 
