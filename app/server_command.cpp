@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <list>
@@ -28,6 +29,9 @@ options_t to_options(const server_command_t& command) {
     options.cert = command.cert_file;
     options.key = command.key_file;
     options.listen_port = command.listen_port;
+    // What the gateway would refuse need not be opened.
+    options.transport_param_a =
+        static_cast<uint32_t>(std::min<uint64_t>(command.gateway.limits.client.streams, UINT32_MAX));
     options.alpn = command.link.alpn;
     options.congestion_control = command.link.congestion;
     return options;

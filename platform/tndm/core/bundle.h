@@ -164,6 +164,7 @@ class bundle {
         std::list<stream*>::iterator place;
         uint64_t counted = 0;       // its part of that line's `unsent`
         uint64_t prompt_left = 0;   // what it may still send before others
+        uint64_t turn_sent = 0;     // in the turn under way
         uint64_t prompt_again = 0;  // `bulk_sent_` from when on it gets a new allowance
         std::optional<std::list<stream*>::iterator> in_resend;
     };
@@ -175,6 +176,7 @@ class bundle {
     };
     static constexpr uint64_t turn = 16384;  // bytes
     static constexpr uint64_t most_ahead = 4 * turn;
+    static constexpr size_t crowd = 32;  // streams
 
     // bundle.cpp
     static unsigned kind_of(uint64_t id) { return (id >> 1) & 1; }
@@ -221,6 +223,7 @@ class bundle {
     bool lags_behind(const lane& l) const;
     std::optional<outgoing> chunk_of(const stream& s, range part, size_t room) const;
     void chunk_sent(lane& l, stream& s, const outgoing& datagram);
+    bool turn_is_over(stream& s, uint64_t bytes);
     std::optional<wire::preface> preface_for(const stream& s) const;
     const stream* unsent_preface() const;
     uint64_t connection_room(unsigned which) const;

@@ -431,10 +431,21 @@ void bundle::chunk_sent(lane& l, stream& s, const outgoing& datagram) {
         sent_.push_back({s.id, bytes});
     }
     note_fresh(s);
-    if (s.line != nowhere) {
+    if (s.line != nowhere && turn_is_over(s, bytes)) {
         stream_list& streams = lines_[s.line].streams;
         streams.splice(streams.end(), streams, s.place);
     }
+}
+
+// In a crowd a turn is longer than a chunk: a delivery, a read and a write for each chunk would cost more than the
+// chunk.
+bool bundle::turn_is_over(stream& s, uint64_t bytes) {
+    s.turn_sent += bytes;
+    if (s.line == bulk && lines_[bulk].streams.size() > crowd && s.turn_sent < turn) {
+        return false;
+    }
+    s.turn_sent = 0;
+    return true;
 }
 
 void bundle::acknowledged(lane_id id, uint64_t datagram, instant now) {
