@@ -74,10 +74,10 @@ TEST(two_paths, a_path_that_came_back_carries_when_the_other_one_goes) {
 
 #ifdef TANDEM_E2E_SLOW
 constexpr int rounds = 20;
-constexpr std::chrono::milliseconds longest_pause{2000};
+constexpr std::chrono::milliseconds longest_pause{4000};
 #else
 constexpr int rounds = 100;
-constexpr std::chrono::milliseconds longest_pause{400};
+constexpr std::chrono::milliseconds longest_pause{1000};
 #endif
 
 // Load through the forward while `trouble` runs, which must not wait for anything that it carries.
