@@ -31,6 +31,8 @@ constexpr size_t smallest_payload = 1200;
 constexpr size_t largest_packet = 1452;
 // Windows below this are filled to the brim (see chunk_room).
 constexpr uint64_t small_window = 128 * largest_packet;
+// Windows below this are paced by ourselves (see bound_pace): whatever a line of less than a gigabit or so needs.
+constexpr uint64_t paced_window = 1024 * largest_packet;
 // How many windows may leave in a round trip at the most.
 constexpr double windows_a_round = 2;
 // A wake-up that comes late is made up for, as far as this.
@@ -73,9 +75,9 @@ void subflow::flush(core::instant now, std::span<uint8_t> buffer, const batch_si
 
 // The library's pacing alone does not keep a window from leaving in one burst, which a short queue drowns: until it has
 // filled the pipe it counts with a round trip of a millisecond, and afterwards each acknowledgement lets go what waits.
-// Large windows are left to the library: they belong to paths where a late wake-up costs more than a burst.
+// The largest windows are left to the library: on lines that fast a late wake-up costs more than a burst.
 void subflow::bound_pace(const ngtcp2_conn_stat& stat) {
-    const bool known = stat.cwnd < small_window && handshake_completed_ && stat.first_rtt_sample_ts != UINT64_MAX &&
+    const bool known = stat.cwnd < paced_window && handshake_completed_ && stat.first_rtt_sample_ts != UINT64_MAX &&
                        stat.smoothed_rtt > 0;
     pace_ = known ? windows_a_round * static_cast<double>(stat.cwnd) / static_cast<double>(stat.smoothed_rtt) : 0;
 }
