@@ -3,26 +3,21 @@
 #ifndef TANDEM_FUZZ_QUIC_CLIENT_H
 #define TANDEM_FUZZ_QUIC_CLIENT_H
 
-#include <netinet/in.h>
-#include <ngtcp2/ngtcp2.h>
+#include <arpa/inet.h>
+#include <ngtcp2/ngtcp2_crypto_gnutls.h>
 
-#include <cstdint>
-#include <deque>
-#include <memory>
 #include <optional>
-#include <span>
-#include <string>
-#include <vector>
 
+#include "fuzz/input.h"
 #include "platform/tndm/core/time.h"
 #include "platform/tndm/quic/control_message.h"
-#include "platform/tndm/quic/tls_session.h"
+#include "tests/quic_tls/quic_end.h"
 
 namespace fuzz {
 
 using bytes_t = std::vector<uint8_t>;
 
-class quic_client {
+class quic_client : public tndm::quic_end {
   public:
     // A change of one byte of what TLS says, made before it is encrypted.
     struct lie {
@@ -30,50 +25,66 @@ class quic_client {
         uint8_t change;   // exclusive or
     };
 
-    quic_client(std::shared_ptr<const tndm::client_credentials> credentials, uint16_t own_port, uint16_t server_port,
-                std::optional<lie> told, tndm::core::instant now);
-    ~quic_client();
-    quic_client(const quic_client&) = delete;
-    quic_client& operator=(const quic_client&) = delete;
-
-    void read(std::span<const uint8_t> packet, tndm::core::instant now);
-    // Everything that is due; at most `most` packets.
-    std::vector<bytes_t> write(tndm::core::instant now, size_t most = 16);
-
-    void say(std::span<const uint8_t> bytes) { stream_.insert(stream_.end(), bytes.begin(), bytes.end()); }
-    // Not empty: the library does not send such.
-    void datagram(bytes_t bytes) {
-        if (!bytes.empty()) datagrams_.push_back(std::move(bytes));
+    quic_client(const std::shared_ptr<const tndm::client_credentials>& credentials, uint16_t own_port,
+                std::optional<lie> told, tndm::core::instant now)
+        : quic_end(session(credentials), stamp(now)), lie_(told) {
+        address_.sin_family = AF_INET;
+        address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        address_.sin_port = htons(own_port);
+        on_stream = [this](std::span<const uint8_t> bytes) {
+            require(messages_.push(bytes), "the server says only what can be understood");
+            while (auto message = messages_.next()) {
+                if (const auto* welcome = std::get_if<tndm::control::welcome>(&*message)) welcomed_ = *welcome;
+            }
+            return true;
+        };
+        if (lie_) {
+            gnutls_db_set_ptr(tls().handle(), this);
+            gnutls_handshake_set_read_function(tls().handle(), submit);
+        }
     }
 
-    const sockaddr_in& address() const { return local_; }
+    void read(std::span<const uint8_t> arrived, tndm::core::instant now) { quic_end::read(arrived, stamp(now)); }
+    std::vector<bytes_t> write(tndm::core::instant now) { return quic_end::write(stamp(now)); }
+
+    const sockaddr_in& address() const { return address_; }
     // The bundle that this client has been given, once it has.
     const std::optional<tndm::control::welcome>& welcomed() const { return welcomed_; }
     // Bytes of this client's own TLS session, for a join.
-    std::optional<std::array<uint8_t, 32>> exporter() const;
-
-    static int submit_crypto(ngtcp2_conn* connection, ngtcp2_crypto_level level, const uint8_t* data, size_t size);
+    std::optional<std::array<uint8_t, 32>> exporter() const {
+        std::array<uint8_t, 32> bytes;
+        if (!completed() || !tls().exporter(tndm::control::join_exporter_label, {}, bytes)) return std::nullopt;
+        return bytes;
+    }
 
   private:
-    static int on_stream(ngtcp2_conn*, uint32_t, int64_t, uint64_t, const uint8_t* data, size_t size, void* user,
-                         void*);
-    ngtcp2_ssize write_one(std::span<uint8_t> out, ngtcp2_tstamp now);
+    static ngtcp2_tstamp stamp(tndm::core::instant now) {
+        return static_cast<ngtcp2_tstamp>(now.time_since_epoch().count());
+    }
+    static std::unique_ptr<tndm::tls_session> session(const std::shared_ptr<const tndm::client_credentials>& trust) {
+        std::string error;
+        auto made = tndm::tls_session::create_client(trust, "test", error);
+        require(made != nullptr, "a TLS session can be made");
+        return made;
+    }
+    static int submit(gnutls_session_t session, gnutls_record_encryption_level_t level,
+                      gnutls_handshake_description_t type, const void* data, size_t size) {
+        if (type == GNUTLS_HANDSHAKE_CHANGE_CIPHER_SPEC) return 0;
+        auto& self = *static_cast<quic_client*>(gnutls_db_get_ptr(session));
+        const auto* first = static_cast<const uint8_t*>(data);
+        bytes_t said(first, first + size);
+        const uint32_t at = self.lie_->offset - self.tls_said_;
+        if (at < said.size()) said[at] ^= self.lie_->change;
+        self.tls_said_ += static_cast<uint32_t>(size);
+        return ngtcp2_conn_submit_crypto_data(
+            self.connection(), ngtcp2_crypto_gnutls_from_gnutls_record_encryption_level(level), said.data(), size);
+    }
 
-    std::unique_ptr<tndm::tls_session> tls_;
     std::optional<lie> lie_;
-    uint32_t crypto_said_ = 0;
-    std::deque<bytes_t> crypto_;  // the library refers to it
-    sockaddr_in local_{};
-    sockaddr_in remote_{};
-    ngtcp2_path path_{};
-    int error_ = 0;
-    int64_t stream_id_ = -1;
-    std::deque<uint8_t> stream_;
-    std::deque<bytes_t> sent_;  // likewise
-    std::deque<bytes_t> datagrams_;
+    uint32_t tls_said_ = 0;
+    sockaddr_in address_{};
     tndm::control::decoder messages_;
     std::optional<tndm::control::welcome> welcomed_;
-    ngtcp2_conn* connection_ = nullptr;
 };
 
 }  // namespace fuzz

@@ -2,7 +2,6 @@
 // lost, from other addresses, or made up; and clients whose packets are in order and whose control messages, datagrams
 // or TLS messages are not. No socket and no clock is used: what the server reads and writes is here. When everybody has
 // fallen silent, nothing is left of anybody.
-#include <arpa/inet.h>
 #include <netinet/udp.h>
 #include <sys/socket.h>
 
@@ -133,7 +132,6 @@ class play : public tndm::driver {
         server_.emplace(
             tndm::environment{around_.loop.handle(), *this, app_, commands_, around_.receiver, {}, own_, dead_},
             around_.socket, around_.server, "test");
-        port_ = tndm::local_endpoint(around_.socket).port();
     }
     ~play() override { playing = nullptr; }
 
@@ -162,7 +160,7 @@ class play : public tndm::driver {
         if (clients_.size() >= 4) return;
         current_ = clients_.size();
         clients_.push_back(std::make_unique<fuzz::quic_client>(
-            around_.client, static_cast<uint16_t>(20000 + clients_.size()), port_, lie, now_));
+            around_.client, static_cast<uint16_t>(20000 + clients_.size()), lie, now_));
     }
 
     // The server reads, answers, and echoes what its application was given.
@@ -407,7 +405,6 @@ class play : public tndm::driver {
     std::shared_ptr<tndm::mailbox> commands_ = std::make_shared<tndm::mailbox>();
     core::limits own_;
     const bool dead_ = false;
-    uint16_t port_ = 0;
     std::optional<tndm::server> server_;
     std::map<void*, bool> live_;
     std::vector<reply> echo_;

@@ -1,7 +1,6 @@
 // Congestion detection over the backlog of a real connection.
 #include "context/connection_context.h"
 #include "tests/transport/fixture.h"
-#include "tests/transport/network.h"
 
 namespace transport_test {
 namespace {
@@ -9,10 +8,7 @@ namespace {
 class backlog : public pair_test {};
 
 TEST_F(backlog, its_trend_rises_while_more_is_queued_than_sent_and_falls_afterwards) {
-    network net((server = std::make_unique<server_side>())->port());
-    net.set([](conditions& c) { c.mbit = 16; });
-    ASSERT_EQ(server->start(), 0);
-    start(two_paths, {}, {}, net.port());
+    start_over(two_paths, [](conditions& c) { c.mbit = 16; });
     tandem::connection_context_t context;
     context.reset(client->instance(), at_client, client->loop(), 0, "test");
     const auto detection = context.create_congestion_detection(60'000);
@@ -32,8 +28,7 @@ TEST_F(backlog, its_trend_rises_while_more_is_queued_than_sent_and_falls_afterwa
     }));
     EXPECT_LT(detection->trend, 0);
     EXPECT_GT(detection->span, 0);
-    client.reset();
-    server.reset();
+    reset();
 }
 
 }  // namespace

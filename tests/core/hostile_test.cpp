@@ -1,12 +1,12 @@
 // A peer that makes up its datagrams: each may be dropped, processed or end the connection, and nothing else.
 #include <gtest/gtest.h>
+#include <malloc.h>
 
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "platform/tndm/core/bundle.h"
-#include "tests/core/heap_meter.h"
 #include "tests/core/random.h"
 
 namespace tndm::core {
@@ -41,6 +41,10 @@ bytes chunk(uint64_t stream, uint64_t offset, const bytes& data, bool last = fal
 
 bytes prefaced(uint64_t stream, uint64_t offset, uint64_t first, uint64_t length, const bytes& data) {
     return frame(0x0a, {stream, offset, first, length}, data);
+}
+
+size_t heap_in_use() {
+    return mallinfo2().uordblks;
 }
 
 // A server at the mercy of its client: 0, 4, 8, ... are the client's streams both ways, 2, 6, ... its one-way ones.
@@ -99,7 +103,7 @@ class hostile : public ::testing::Test {
     bool ended_ = false;
 };
 
-TEST_F(hostile, truncated_frames_end_the_connection) {
+TEST_F(hostile, truncated_and_unknown_frames_end_the_connection) {
     struct {
         bytes whole;
         size_t head;  // from here on any length is a frame
@@ -123,17 +127,11 @@ TEST_F(hostile, truncated_frames_end_the_connection) {
             length < kind.head ? expect_violation(cut) : expect_accepted(cut);
         }
     }
-    for (const bytes& whole : {frame(0x01, {5}), frame(0x02, {4, 5}), frame(0x03, {0, 5})}) {
-        bytes longer = whole;
-        longer.push_back(0);
+    for (const bytes& longer : {frame(0x01, {5}, {0}), frame(0x02, {4, 5}, {0}), frame(0x03, {0, 5}, {0})}) {
         expect_violation(longer);
     }
-}
-
-TEST_F(hostile, unknown_types_end_the_connection) {
-    for (unsigned type = 0; type < 256; ++type) {
-        const bool known = type <= 3 || (type >= 8 && type <= 11);
-        if (!known) {
+    for (unsigned type = 4; type < 256; ++type) {
+        if (type < 8 || type > 11) {
             SCOPED_TRACE(type);
             expect_violation(frame(static_cast<uint8_t>(type), {0, 0, 0, 0}));
         }
@@ -259,21 +257,21 @@ TEST_F(hostile, holes_cost_bounded_memory) {
     own_.connection_window = own_.connection_window_max = 24 << 20;
     for (const bool descending : {false, true}) {
         fresh(own_);
-        const size_t before = sim::heap_in_use();
+        const size_t before = heap_in_use();
         for (uint64_t i = 0; i < 1'000'000 && server_->violation().empty(); ++i) {
             give(chunk(4 * (i % 3), descending ? 2'000'001 - 2 * i : 1 + 2 * i, {1}));
         }
         EXPECT_NE(server_->violation(), "");
-        EXPECT_LT(sim::heap_in_use(), before + 16 * megabyte);
+        EXPECT_LT(heap_in_use(), before + 16 * megabyte);
     }
     // A byte at a time behind one hole is one run.
     fresh(own_);
-    const size_t before = sim::heap_in_use();
+    const size_t before = heap_in_use();
     for (uint64_t i = 1; i < 1'000'000; ++i) {
         give(chunk(0, i, {1}));
     }
     EXPECT_EQ(server_->violation(), "");
-    EXPECT_LT(sim::heap_in_use(), before + 4 * megabyte);
+    EXPECT_LT(heap_in_use(), before + 4 * megabyte);
     give(chunk(0, 0, {1}));
     EXPECT_EQ(take_all(0).size(), 1'000'000U);
 }
@@ -281,7 +279,7 @@ TEST_F(hostile, holes_cost_bounded_memory) {
 // A stream whose front comes last makes the receiver hold all of it at once; that must not stay with every stream, and
 // what comes twice must not make a stream hold anything either.
 TEST_F(hostile, memory_comes_back_when_bytes_are_taken) {
-    const size_t before = sim::heap_in_use();
+    const size_t before = heap_in_use();
     const bytes block(60'000, 5);
     for (const uint64_t burst : {10U, 4U}) {
         fresh();
@@ -294,12 +292,12 @@ TEST_F(hostile, memory_comes_back_when_bytes_are_taken) {
             expect_accepted(chunk(4 * s, 0, {1}));
             exchange();
         }
-        EXPECT_LT(sim::heap_in_use(), before + 10 * megabyte);
+        EXPECT_LT(heap_in_use(), before + 10 * megabyte);
     }
 }
 
 TEST_F(hostile, streams_come_and_go_without_leaving_anything) {
-    const size_t before = sim::heap_in_use();
+    const size_t before = heap_in_use();
     for (uint64_t i = 0; i < 60'000; ++i) {
         // One in sixty stays open, so that those that are over are never one single run of ids.
         give(chunk(4 * i + 2, 0, {1}, i % 60 != 0));
@@ -307,7 +305,7 @@ TEST_F(hostile, streams_come_and_go_without_leaving_anything) {
         exchange();
         ASSERT_EQ(server_->violation(), "") << i;
     }
-    EXPECT_LT(sim::heap_in_use(), before + 3 * megabyte);  // a thousand streams
+    EXPECT_LT(heap_in_use(), before + 3 * megabyte);  // a thousand streams
 }
 
 TEST_F(hostile, absurd_numbers_do_not_wrap) {
@@ -332,99 +330,6 @@ TEST_F(hostile, absurd_numbers_do_not_wrap) {
     put(overlong, 4, true);
     put(overlong, 0, true);
     expect_accepted(overlong);
-}
-
-// What an application and a carrier do meanwhile, with a peer whose datagrams are made of plausible parts.
-class fuzz {
-  public:
-    explicit fuzz(uint64_t seed) : dice_(seed) {}
-
-    bytes datagram() {
-        const uint64_t kind = dice_.below(20);
-        if (kind == 0 && dice_.chance(0.05)) {
-            bytes noise(dice_.below(40));
-            for (uint8_t& b : noise) {
-                b = static_cast<uint8_t>(dice_.roll());
-            }
-            return noise;
-        }
-        bytes made;
-        if (kind < 4) {
-            const uint8_t type = static_cast<uint8_t>(dice_.below(4));
-            made = type == 1   ? frame(1, {number()})
-                   : type == 2 ? frame(2, {stream(), number()})
-                   : type == 3 ? frame(3, {dice_.below(dice_.chance(0.005) ? 3 : 2), number()})
-                               : bytes{0};
-        } else {
-            const bytes data(dice_.below(dice_.chance(0.2) ? 1200 : 20), static_cast<uint8_t>(dice_.roll()));
-            const uint64_t offset = dice_.chance(0.0005) ? number() : dice_.below(28'000);
-            made = dice_.chance(0.01) ? prefaced(stream(), offset, 4, 300, data)
-                                      : chunk(stream(), offset, data, dice_.chance(0.0003));
-        }
-        if (dice_.chance(0.002)) {
-            made[dice_.below(made.size())] ^= static_cast<uint8_t>(1 << dice_.below(8));
-        }
-        return made;
-    }
-    uint64_t stream() { return dice_.chance(0.0005) ? number() : 4 * dice_.below(10) + (dice_.chance(0.5) ? 0 : 2); }
-    uint64_t number() { return dice_.roll() >> dice_.between(2, 63); }
-
-    sim::dice dice_;
-};
-
-TEST_F(hostile, random_datagrams_are_ignored_processed_or_the_end) {
-    limits own;
-    own.stream_window = own.stream_window_max = 30'000;
-    own.connection_window = own.connection_window_max = 520'000;
-    own.paused_allowance = 50'000;
-    own.streams = 12;
-    own.max_gaps = 300;
-    fresh(own);
-    fuzz f(20);
-    const size_t before = sim::heap_in_use();
-    unsigned ends = 0;
-    delivery out;
-    std::map<uint64_t, bool> over;
-    for (int i = 0; i < 100'000; ++i) {
-        give(f.datagram());
-        ASSERT_LT(sim::heap_in_use(), before + 4 * megabyte) << i;
-        while (f.dice_.chance(0.7) && server_->take_delivery(out, now_)) {
-            ASSERT_FALSE(over[out.stream]) << "bytes after the end, datagram " << i;
-            over[out.stream] = out.last;
-        }
-        const uint64_t id = server_->next_id(lane_);
-        switch (f.dice_.below(12)) {
-            case 0:
-                server_->queue(f.stream() + f.dice_.below(2), buffer::copy_of(bytes(f.dice_.below(900), 3)), false);
-                break;
-            case 1:
-                server_->pause(f.stream(), f.dice_.chance(0.5), now_);
-                break;
-            case 2:
-                server_->queue(f.stream(), buffer{}, true);
-                break;
-            case 3:
-                server_->on_time(now_ += 1ms);
-                break;
-            case 4:
-                server_->lost(lane_, f.dice_.below(id + 1), now_);
-                break;
-            default:
-                if (const auto sending = server_->next(lane_, f.dice_.between(1, 1200), now_)) {
-                    server_->sent(lane_, *sending, now_);
-                }
-                server_->acknowledged(lane_, f.dice_.below(id + 1), now_);
-        }
-        server_->take_closed();
-        server_->take_sent();
-        if (!server_->violation().empty()) {
-            ++ends;
-            over.clear();
-            fresh(own);
-        }
-    }
-    EXPECT_GT(ends, 100U);
-    EXPECT_LT(ends, 2000U);
 }
 
 }  // namespace

@@ -6,41 +6,41 @@ namespace {
 
 using path = bundle_test;
 
-TEST_F(path, removed_while_it_carries_data_owes_it_to_the_others) {
-    start({{.mbit = 50, .delay = 10ms}, {.mbit = 20, .delay = 40ms}});
-    send(client(), 0, 10'000'000, true);
-    send(server(), 1, 10'000'000, true);
-    run_for(700ms);
-    const instant removal = sim().now();
-    sim().remove_path(0);
-    run_until_done(20s);
-    expect_intact();
-    EXPECT_LT(longest_pause(server(), removal), 500ms);
-    EXPECT_EQ(client().bundle.lane_count(), 1U);
-}
-
-TEST_F(path, the_last_one_removed_leaves_the_bytes_to_the_next_one_that_comes) {
-    start({{.mbit = 50, .delay = 10ms}});
-    send(client(), 0, 5'000'000, true);
-    send(server(), 1, 5'000'000, true);
-    run_for(300ms);
-    sim().remove_path(0);
-    EXPECT_EQ(client().bundle.lane_count(), 0U);
-    run_for(5s);
-    EXPECT_FALSE(sim().all_delivered());
-    send(client(), 4, 1000, true);
-    sim().open_path({.mbit = 20, .delay = 30ms});
-    run_until_done(10s);
-    expect_intact();
-}
-
-TEST_F(path, added_in_the_middle_takes_its_share) {
-    start({{.mbit = 10, .delay = 10ms}});
-    send(client(), 0, 10'000'000, true);
-    run_for(1s);
-    sim().open_path({.mbit = 80, .delay = 20ms});
-    EXPECT_LT(run_until_done(10s), 3s);
-    expect_intact();
+TEST_F(path, that_comes_or_goes_while_it_carries_costs_little) {
+    const link_settings near{.mbit = 50, .delay = 10ms};
+    const link_settings far{.mbit = 20, .delay = 40ms};
+    const struct {
+        const char* what;
+        std::vector<link_settings> paths;
+        std::function<void()> change;
+        duration limit, longest_pause;
+    } rows[] = {
+        {"what a path that goes owes is the others'", {near, far}, [&] { sim().remove_path(0); }, 9s, 500ms},
+        {"what the last one owes is left to the next one",
+         {near},
+         [&] {
+             sim().remove_path(0);
+             EXPECT_EQ(client().bundle.lane_count(), 0U);
+             run_for(5s);
+             send(client(), 4, 1000, true);
+             sim().open_path(far);
+         },
+         9s,
+         6s},
+        {"one that comes takes its share", {far}, [&] { sim().open_path({.mbit = 80, .delay = 20ms}); }, 3s, 500ms},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        start(row.paths);
+        send(client(), 0, 10'000'000, true);
+        send(server(), 1, 10'000'000, true);
+        run_for(700ms);
+        const instant changed = sim().now();
+        row.change();
+        EXPECT_LT(run_until_done(20s), row.limit);
+        expect_intact();
+        EXPECT_LT(longest_pause(server(), changed), row.longest_pause);
+    }
 }
 
 // What a carrier says of datagrams that were never sent, are settled or belong to a lane that is gone changes nothing.

@@ -1,4 +1,6 @@
 // Streams beside each other: order across them, turns, pauses, credit.
+#include <set>
+
 #include "platform/tndm/core/wire.h"
 #include "tests/core/bundle_test.h"
 
@@ -49,18 +51,6 @@ TEST_F(stream, what_was_queued_first_is_delivered_first_although_just_that_is_lo
     }
 }
 
-TEST_F(stream, what_was_queued_first_is_delivered_first_although_just_that_is_late) {
-    start({{.delay = 10ms, .jitter = 30ms}, {.delay = 5ms}});
-    sim().forth(0).hand = [](const packet& p) { return std::optional<duration>(p.number < 3 ? 150ms : 0ms); };
-    send(client(), 0, 2000);
-    send(client(), 4, 300'000, true);
-    send(client(), 0, 50'000, true);
-    send(client(), 8, 10, true);
-    run_until_done(10s);
-    expect_intact();
-    expect_first(server(), 0, 2000);
-}
-
 // Streams that wait behind the first one must not use up the window that it needs.
 TEST_F(stream, a_first_stream_larger_than_every_window_still_comes_first) {
     start({{.mbit = 400, .delay = 10ms, .loss = 0.01}}, with_window(1'500'000));
@@ -74,21 +64,18 @@ TEST_F(stream, a_first_stream_larger_than_every_window_still_comes_first) {
     expect_first(server(), 0, 10 * megabyte);
 }
 
-TEST_F(stream, a_first_stream_opened_without_bytes_holds_nobody_back) {
+TEST_F(stream, a_first_stream_without_bytes_holds_nobody_back) {
+    start({{.loss = 0.3}});
+    sim().finish(client(), 0);
+    send(client(), 4, 1000, true);
+    run_until_done(5s);
+    expect_intact();
     start({{}});
     send(client(), 0, 0);
     send(client(), 4, 1000, true);
     EXPECT_TRUE(sim().run_until([&] { return server().received[4].ended; }, 1s));
     send(client(), 0, 10, true);
     run_until_done(1s);
-    expect_intact();
-}
-
-TEST_F(stream, a_first_stream_that_is_only_an_end_holds_nobody_back) {
-    start({{.loss = 0.3}});
-    sim().finish(client(), 0);
-    send(client(), 4, 1000, true);
-    run_until_done(5s);
     expect_intact();
 }
 
@@ -107,79 +94,6 @@ TEST_F(stream, paused_holds_a_bounded_amount_and_the_others_go_on) {
     EXPECT_EQ(sim().complaint(), "");
     sim().pause(server(), 0, false);
     run_until_done(10s);
-    expect_intact();
-}
-
-TEST_F(stream, many_paused_ones_stop_at_the_allowance) {
-    options o;
-    o.server.paused_allowance = 4 << 20;
-    o.server.connection_window_max = o.server.connection_window;
-    start({{.mbit = 400, .delay = 5ms}}, o);
-    for (uint64_t i = 0; i < 30; ++i) {
-        send(client(), 4 * i, 1);
-    }
-    run_until_done(1s);
-    for (uint64_t i = 0; i < 30; ++i) {
-        sim().pause(server(), 4 * i, true);
-        send(client(), 4 * i, 3 * megabyte, true);
-    }
-    run_for(5s);
-    EXPECT_LE(server().most_held, o.server.connection_window + o.server.paused_allowance);
-    EXPECT_GT(server().most_held, o.server.paused_allowance);
-    EXPECT_EQ(server().total_received, 30U);
-    for (uint64_t i = 0; i < 30; ++i) {
-        sim().pause(server(), 4 * i, false);
-    }
-    run_until_done(10s);
-    expect_intact();
-}
-
-TEST_F(stream, paused_and_resumed_at_random_loses_nothing) {
-    start({{.mbit = 100, .delay = 10ms, .loss = 0.02}}, with_window(350'000));
-    for (uint64_t i = 0; i < 6; ++i) {
-        send(client(), 4 * i, 3 * megabyte, true);
-    }
-    dice d(11);
-    for (int i = 0; i < 400; ++i) {
-        sim().pause(server(), 4 * d.below(6), d.chance(0.6));
-        run_for(5ms);
-    }
-    for (uint64_t i = 0; i < 6; ++i) {
-        sim().pause(server(), 4 * i, false);
-    }
-    run_until_done(10s);
-    expect_intact();
-}
-
-TEST_F(stream, credit_comes_back_as_streams_end) {
-    start({{.mbit = 100, .delay = 5ms, .loss = 0.02}});
-    // Both ways and one way, opened in an order of their own: 0, 4, 8, ... and 2, 6, 10, ...
-    for (const uint64_t kind : {0U, 2U}) {
-        for (uint64_t i = 0; i < 1024; ++i) {
-            send(client(), 4 * i + kind, 10 + i % 7);
-        }
-        EXPECT_FALSE(sim().send(client(), 4096 + kind, 1));
-    }
-    run_until_done(5s);
-    EXPECT_FALSE(sim().send(client(), 4096, 1));
-    for (uint64_t i = 0; i < 1024; ++i) {
-        sim().finish(client(), 4 * i);
-        sim().finish(server(), 4 * i);
-        sim().finish(client(), 4 * i + 2);
-    }
-    run_until_done(5s);
-    run_for(500ms);
-    EXPECT_EQ(client().closed.size(), 2048U);
-    EXPECT_EQ(server().closed.size(), 2048U);
-    EXPECT_EQ(client().bundle.stream_credit(0), 2048U);
-    EXPECT_EQ(client().bundle.stream_credit(1), 2048U);
-    EXPECT_FALSE(sim().send(client(), 0, 1)) << "a stream that is over";
-    EXPECT_FALSE(sim().send(server(), 2, 1)) << "the peer's one-way stream";
-    for (uint64_t i = 1024; i < 2048; ++i) {
-        send(client(), 4 * i, 100, true);
-    }
-    EXPECT_FALSE(sim().send(client(), uint64_t{4} * 2048, 1));
-    run_until_done(5s);
     expect_intact();
 }
 
@@ -214,13 +128,11 @@ TEST_F(stream, small_ones_take_turns_with_a_large_one) {
     run_for(100ms);
     EXPECT_TRUE(sim().run_until([&] { return server().received.size() == 101 && small_done(); }, 1s));
     EXPECT_LT(sim().now() - from, 700ms);
-    instant first = core::never;
-    instant last{};
+    std::set<instant> ends;
     for (uint64_t i = 1; i <= 100; ++i) {
-        first = std::min(first, server().received[4 * i].last_at);
-        last = std::max(last, server().received[4 * i].last_at);
+        ends.insert(server().received[4 * i].last_at);
     }
-    EXPECT_LT(last - first, 100ms) << "equal streams end together";
+    EXPECT_LT(*ends.rbegin() - *ends.begin(), 100ms) << "equal streams end together";
     run_until_done(20s);
     expect_intact();
 }

@@ -28,13 +28,6 @@ TEST(secret, digests_are_the_published_ones) {
               "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
 }
 
-TEST(secret, equality_looks_at_size_and_every_byte) {
-    EXPECT_TRUE(constant_time_equal({}, {}));
-    EXPECT_TRUE(constant_time_equal(bytes("same"), bytes("same")));
-    EXPECT_FALSE(constant_time_equal(bytes("same"), bytes("samf")));
-    EXPECT_FALSE(constant_time_equal(bytes("same"), bytes("same!")));
-}
-
 TEST(secret, is_wiped_with_its_owner) {
     alignas(secret<32>) unsigned char memory[sizeof(secret<32>)];
     auto* key = new (memory) secret<32>;
@@ -44,17 +37,6 @@ TEST(secret, is_wiped_with_its_owner) {
     EXPECT_FALSE(constant_time_equal(copy.span(), secret<32>().span()));
     key->~secret<32>();
     EXPECT_TRUE(constant_time_equal(memory, secret<32>().span()));
-}
-
-TEST(secret, a_join_proof_needs_the_secret_and_the_session) {
-    secret<32> one;
-    secret<32> two;
-    random_bytes(one.span());
-    random_bytes(two.span());
-    const digest_t proof = join_proof(one, bytes("session one"));
-    EXPECT_EQ(proof, join_proof(one, bytes("session one")));
-    EXPECT_NE(proof, join_proof(one, bytes("session two")));
-    EXPECT_NE(proof, join_proof(two, bytes("session one")));
 }
 
 TEST(server_credentials, keys_follow_the_private_key_whatever_its_encoding) {

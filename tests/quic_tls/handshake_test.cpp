@@ -6,7 +6,7 @@
 
 #include "platform/tndm/quic/tls_session.h"
 #include "tests/quic_tls/certificates.h"
-#include "tests/quic_tls/quic_pair.h"
+#include "tests/quic_tls/quic_end.h"
 
 namespace tndm {
 namespace {
@@ -15,6 +15,43 @@ constexpr uint64_t crypto_error = 0x100; /* plus the TLS alert */
 constexpr uint64_t alert_unexpected_message = 10;
 constexpr uint64_t alert_bad_certificate = 42;
 constexpr uint64_t alert_no_application_protocol = 120;
+
+/* Both ends and a virtual clock. */
+struct quic_pair {
+    quic_pair(std::unique_ptr<tls_session> of_client, std::unique_ptr<tls_session> of_server)
+        : client(std::move(of_client), 1), server_tls(std::move(of_server)) {}
+
+    /* Carries packets both ways, and lets time pass, until neither end has anything left to do. */
+    void run() {
+        for (int rounds = 0; rounds < 1000; ++rounds) {
+            if (exchange()) continue;
+            const ngtcp2_tstamp next = std::min(client.deadline(), server->deadline());
+            if (next == quic_end::never) return;
+            now = std::max(now, next);
+        }
+        ADD_FAILURE() << "the ends never come to rest";
+    }
+    bool exchange() {
+        now += NGTCP2_MILLISECONDS;
+        const auto up = client.write(now);
+        for (const auto& packet : up) {
+            if (!server) server = std::make_unique<quic_end>(std::move(server_tls), packet, now);
+            if (!server_tail.empty()) server->append_to_finished(std::exchange(server_tail, {}));
+            server->read(packet, now);
+        }
+        now += NGTCP2_MILLISECONDS;
+        const auto down = server->write(now);
+        for (const auto& packet : down)
+            client.read(packet, now);
+        return !up.empty() || !down.empty();
+    }
+
+    quic_end client;
+    std::unique_ptr<tls_session> server_tls;
+    std::unique_ptr<quic_end> server;
+    quic_end::packet server_tail; /* for the server's append_to_finished */
+    ngtcp2_tstamp now = 1;
+};
 
 /* An authority, a server certified by it, a self-signed one that has expired, and an authority that nobody uses. */
 class handshake : public testing::Test {
@@ -168,7 +205,6 @@ TEST_F(handshake, only_the_two_ends_know_the_exported_bytes) {
     const auto two = connected();
     const auto bytes = export_from(one->client, "label", "context");
     EXPECT_EQ(bytes, export_from(*one->server, "label", "context"));
-    EXPECT_EQ(export_from(one->client, "label", ""), export_from(*one->server, "label", ""));
     EXPECT_NE(bytes, export_from(one->client, "other", "context"));
     EXPECT_NE(bytes, export_from(one->client, "label", "other"));
     EXPECT_NE(bytes, export_from(two->client, "label", "context"));

@@ -35,7 +35,8 @@ class stream_pair {
     int fds_[2];
 };
 
-/* A loop, and functions as callbacks: a callback's `user` is a std::function that the test keeps alive. */
+/* A loop, and watchers that are started as they are made: a callback's `user` is a std::function that the test keeps
+ * alive. */
 class loop_fixture : public ::testing::Test {
   protected:
     using action = std::function<void()>;
@@ -44,20 +45,22 @@ class loop_fixture : public ::testing::Test {
     ~loop_fixture() override { loop_->ops->destroy(loop_); }
 
     void* io(int fd, int events, io_action& call) {
-        return loop_->ops->io_create(
-            loop_,
-            [](st_tloop_t*, void*, int, void* user, en_tloop_io_event_t kind) {
-                (*static_cast<io_action*>(user))(kind);
-            },
-            fd, events, &call);
+        const auto callback = [](st_tloop_t*, void*, int, void* user, en_tloop_io_event_t kind) {
+            (*static_cast<io_action*>(user))(kind);
+        };
+        void* const made = ops_.io_create(loop_, callback, fd, events, &call);
+        ops_.io_start(loop_, made);
+        return made;
     }
     void* timer(uint64_t delay, uint64_t period, action& call) {
-        return loop_->ops->timer_create(
-            loop_, [](st_tloop_t*, void*, void* user) { (*static_cast<action*>(user))(); }, delay, period, &call);
+        void* const made = ops_.timer_create(loop_, act, delay, period, &call);
+        ops_.timer_start(loop_, made);
+        return made;
     }
     void* async(action& call) {
-        return loop_->ops->async_create(
-            loop_, [](st_tloop_t*, void*, void* user) { (*static_cast<action*>(user))(); }, &call);
+        void* const made = ops_.async_create(loop_, act, &call);
+        ops_.async_start(loop_, made);
+        return made;
     }
 
     void run() { loop_->ops->run(loop_); }
@@ -87,6 +90,8 @@ class loop_fixture : public ::testing::Test {
     static bool comes(std::future<void> event) {
         return event.wait_for(std::chrono::seconds(30)) == std::future_status::ready;
     }
+
+    static void act(st_tloop_t*, void*, void* user) { (*static_cast<action*>(user))(); }
 
     st_tloop_t* const loop_ = tloop_create("libev", false, 0, 0);
     const st_tloop_ops_t& ops_ = *loop_->ops;

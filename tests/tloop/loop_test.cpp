@@ -9,8 +9,12 @@ namespace {
 
 using clock = std::chrono::steady_clock;
 using namespace std::chrono_literals;
+using loop_test = loop_fixture;
 
-class loop_test : public loop_fixture {};
+void spin(clock::duration time) {
+    for (const auto end = clock::now() + time; clock::now() < end;) {
+    }
+}
 
 TEST_F(loop_test, only_the_bundled_backend_is_known) {
     EXPECT_EQ(tloop_create("libuv", false, 0, 0), nullptr);
@@ -20,13 +24,12 @@ TEST_F(loop_test, only_the_bundled_backend_is_known) {
 TEST_F(loop_test, a_break_before_the_run_ends_that_run_and_no_later_one) {
     break_all();
     run();
-
     int calls = 0;
     action count = [&] {
         ++calls;
         break_all();
     };
-    ops_.timer_start(loop_, timer(1, 0, count));
+    timer(1, 0, count);
     run();
     EXPECT_EQ(calls, 1);
 }
@@ -34,15 +37,14 @@ TEST_F(loop_test, a_break_before_the_run_ends_that_run_and_no_later_one) {
 TEST_F(loop_test, a_break_of_all_runs_leaves_the_nested_ones_also_one_that_starts_later) {
     int inner_returned = 0;
     action innermost = [&] { break_all(); };
-    void* second = timer(1, 0, innermost);
     action outer = [&] {
-        ops_.timer_start(loop_, second);
+        timer(1, 0, innermost);
         run();
         ++inner_returned;
         run();
         ++inner_returned;
     };
-    ops_.timer_start(loop_, timer(1, 0, outer));
+    timer(1, 0, outer);
     run();
     EXPECT_EQ(inner_returned, 2);
 }
@@ -54,15 +56,13 @@ TEST_F(loop_test, a_break_of_one_run_leaves_the_innermost) {
         break_all();
     };
     action inner = [&] { ops_.break_loop(loop_, 1); };
-    void* inner_timer = timer(1, 0, inner);
-    void* last_timer = timer(1, 0, last);
     action outer = [&] {
-        ops_.timer_start(loop_, inner_timer);
+        timer(1, 0, inner);
         run();
         EXPECT_TRUE(in_loop());
-        ops_.timer_start(loop_, last_timer);
+        timer(1, 0, last);
     };
-    ops_.timer_start(loop_, timer(1, 0, outer));
+    timer(1, 0, outer);
     run();
     EXPECT_TRUE(outer_went_on);
     EXPECT_FALSE(in_loop());
@@ -74,82 +74,46 @@ TEST_F(loop_test, a_ready_descriptor_calls_back_once_for_each_kind) {
     std::multiset<int> kinds;
     io_action note = [&](en_tloop_io_event_t kind) { kinds.insert(kind); };
     action end = [&] { break_all(); };
-    void* watch = io(pair.fd(), TLOOP_IO_READ | TLOOP_IO_WRITE, note);
-    void* stop_soon = async(end);
-    ops_.io_start(loop_, watch);
-    ops_.async_start(loop_, stop_soon);
-    send(stop_soon);
+    io(pair.fd(), TLOOP_IO_READ | TLOOP_IO_WRITE, note);
+    send(async(end));
     run();
     EXPECT_EQ(kinds, (std::multiset<int>{TLOOP_IO_READ, TLOOP_IO_WRITE}));
 }
 
-TEST_F(loop_test, destroying_a_watcher_of_two_kinds_in_its_callback_takes_the_other_call_back) {
-    stream_pair pair;
-    pair.fill();
-    int calls = 0;
-    void* watch = nullptr;
-    io_action destroy_self = [&](en_tloop_io_event_t) {
-        ++calls;
-        ops_.io_destroy(loop_, watch);
-        break_all();
-    };
-    watch = io(pair.fd(), TLOOP_IO_READ | TLOOP_IO_WRITE, destroy_self);
-    ops_.io_start(loop_, watch);
-    run();
-    EXPECT_EQ(calls, 1);
-}
-
-TEST_F(loop_test, of_two_ready_descriptors_the_first_takes_the_call_of_the_second_back) {
-    stream_pair pairs[2];
-    void* watches[2] = {};
-    int calls = 0;
-    auto destroy_both = [&](en_tloop_io_event_t) {
-        ++calls;
-        ops_.io_destroy(loop_, watches[0]);
-        ops_.io_destroy(loop_, watches[1]);
-        break_all();
-    };
-    io_action call = destroy_both;
-    for (int i = 0; i < 2; ++i) {
-        pairs[i].fill();
-        watches[i] = io(pairs[i].fd(), TLOOP_IO_READ, call);
-        ops_.io_start(loop_, watches[i]);
-    }
-    run();
-    EXPECT_EQ(calls, 1);
-}
-
-TEST_F(loop_test, of_two_wake_ups_or_due_timers_the_first_takes_the_call_of_the_second_back) {
+TEST_F(loop_test, destroying_what_is_due_takes_its_call_back) {
+    stream_pair pairs[3];
+    void* ios[3] = {};
     void* asyncs[2] = {};
     void* timers[2] = {};
-    int async_calls = 0;
-    int timer_calls = 0;
+    int calls[3] = {};
+    io_action on_io = [&](en_tloop_io_event_t) {
+        ++calls[0];
+        for (void* each : ios)
+            ops_.io_destroy(loop_, each);
+    };
     action on_async = [&] {
-        ++async_calls;
+        ++calls[1];
         for (void* each : asyncs)
             ops_.async_destroy(loop_, each);
     };
     action on_timer = [&] {
-        ++timer_calls;
+        ++calls[2];
         for (void* each : timers)
             ops_.timer_destroy(loop_, each);
-        break_all();
     };
-    for (void*& each : asyncs) {
-        each = async(on_async);
-        ops_.async_start(loop_, each);
-        send(each);
+    for (int i = 0; i < 3; ++i) {
+        pairs[i].fill();
+        ios[i] = io(pairs[i].fd(), TLOOP_IO_READ | TLOOP_IO_WRITE, on_io);
     }
-    for (void*& each : timers) {
+    for (void*& each : asyncs)
+        send(each = async(on_async));
+    for (void*& each : timers)
         each = timer(1, 1, on_timer);
-        ops_.timer_start(loop_, each);
-    }
-    const auto both_due = clock::now() + 1ms;
-    while (clock::now() < both_due) {
-    }
+    spin(1ms);
+    action end = [&] { break_all(); };
+    timer(1000, 0, end);
     run();
-    EXPECT_EQ(async_calls, 1);
-    EXPECT_EQ(timer_calls, 1);
+    EXPECT_TRUE(std::all_of(calls, calls + 3, [](int count) { return count == 1; }));
 }
 
 TEST_F(loop_test, a_stopped_descriptor_is_silent_until_it_is_started_again) {
@@ -161,10 +125,9 @@ TEST_F(loop_test, a_stopped_descriptor_is_silent_until_it_is_started_again) {
     io_action once = [&](en_tloop_io_event_t) {
         ++calls;
         ops_.io_stop(loop_, watch);
-        ops_.timer_start(loop_, timer(1000, 0, end));
+        timer(1000, 0, end);
     };
     watch = io(pair.fd(), TLOOP_IO_READ, once);
-    ops_.io_start(loop_, watch);
     run();
     EXPECT_EQ(calls, 1);
     ops_.io_start(loop_, watch);
@@ -172,45 +135,26 @@ TEST_F(loop_test, a_stopped_descriptor_is_silent_until_it_is_started_again) {
     EXPECT_EQ(calls, 2);
 }
 
-TEST_F(loop_test, the_first_expiry_comes_after_the_delay_or_after_one_period) {
+TEST_F(loop_test, a_timer_waits_for_its_delay_and_then_for_its_period) {
     const auto start = clock::now();
-    clock::duration with_delay{};
-    clock::duration with_period{};
-    int delayed_calls = 0;
-    void* delayed_timer = nullptr;
-    action delayed = [&] {
-        // A delay far below the period: waiting for the period instead would take an hour.
-        ++delayed_calls;
-        with_delay = clock::now() - start;
-    };
-    action periodic = [&] {
-        with_period = clock::now() - start;
-        break_all();
-    };
-    delayed_timer = timer(2000, 3600000000, delayed);
-    ops_.timer_start(loop_, delayed_timer);
-    ops_.timer_start(loop_, timer(0, 5000, periodic));
-    run();
-    EXPECT_EQ(delayed_calls, 1);
-    EXPECT_GE(with_delay, 2ms);
-    EXPECT_GE(with_period, 5ms);
-}
-
-TEST_F(loop_test, a_period_repeats_and_without_one_a_timer_fires_once_for_each_start) {
-    int once_calls = 0;
-    int ticks = 0;
+    int delayed_calls = 0, once_calls = 0, ticks = 0;
     void* once = nullptr;
+    action delayed = [&] {  // waiting for the period instead would take an hour
+        ++delayed_calls;
+        EXPECT_GE(clock::now() - start, 2ms);
+    };
     action on_once = [&] {
         if (++once_calls == 1) ops_.timer_start(loop_, once);
     };
     action on_tick = [&] {
+        EXPECT_GE(clock::now() - start, 5ms);
         if (++ticks == 20) break_all();
     };
+    timer(2000, 3600000000, delayed);
     once = timer(1, 0, on_once);
-    ops_.timer_start(loop_, once);
-    ops_.timer_start(loop_, timer(0, 500, on_tick));
+    timer(0, 5000, on_tick);
     run();
-    EXPECT_EQ(ticks, 20);
+    EXPECT_EQ(delayed_calls, 1);
     EXPECT_EQ(once_calls, 2);
 }
 
@@ -219,7 +163,7 @@ TEST_F(loop_test, a_timer_keeps_to_microseconds) {
     // below 1 ms.
     int left = 200;
     void* next = nullptr;
-    clock::time_point started;
+    clock::time_point started = clock::now();
     clock::duration quickest = 1h;
     action again = [&] {
         const auto now = clock::now();
@@ -230,8 +174,6 @@ TEST_F(loop_test, a_timer_keeps_to_microseconds) {
         ops_.timer_start(loop_, next);
     };
     next = timer(100, 0, again);
-    started = clock::now();
-    ops_.timer_start(loop_, next);
     run();
     EXPECT_LT(quickest, 900us);
 }
@@ -242,7 +184,7 @@ TEST_F(loop_test, a_wake_up_sent_before_its_start_is_delivered_with_the_start) {
         ++calls;
         break_all();
     };
-    void* handle = async(count);
+    void* handle = ops_.async_create(loop_, act, &count);
     send(handle);
     ops_.async_start(loop_, handle);
     run();
@@ -251,16 +193,11 @@ TEST_F(loop_test, a_wake_up_sent_before_its_start_is_delivered_with_the_start) {
 
 TEST(loop_trace, reports_a_callback_that_holds_the_loop) {
     st_tloop_t* loop = tloop_create("libev", true, 1000, 0);
-    void* timer = loop->ops->timer_create(
-        loop,
-        [](st_tloop_t* self, void*, void*) {
-            const auto end = clock::now() + 2ms;
-            while (clock::now() < end) {
-            }
-            self->ops->break_loop(self, TLOOP_BREAK_ALL);
-        },
-        1, 0, nullptr);
-    loop->ops->timer_start(loop, timer);
+    const auto hold = [](st_tloop_t* self, void*, void*) {
+        spin(2ms);
+        self->ops->break_loop(self, TLOOP_BREAK_ALL);
+    };
+    loop->ops->timer_start(loop, loop->ops->timer_create(loop, hold, 1, 0, nullptr));
     testing::internal::CaptureStderr();
     loop->ops->run(loop);
     EXPECT_NE(testing::internal::GetCapturedStderr().find("kind timer held the loop"), std::string::npos);

@@ -14,7 +14,6 @@ class loop_threads : public loop_fixture {
         std::promise<void> round;
         action arrived = [&] { round.set_value(); };
         void* handle = async(arrived);
-        ops_.async_start(loop_, handle);
         send(handle);
         ASSERT_TRUE(comes(round.get_future()));
         ops_.async_destroy(loop_, handle);
@@ -27,22 +26,6 @@ TEST_F(loop_threads, a_break_from_another_thread_is_never_lost) {
         const runner running(*this);
         if (i % 3 == 0) wait_for_a_round();
     }
-}
-
-TEST_F(loop_threads, only_the_running_thread_is_the_loop_thread) {
-    std::promise<bool> inside;
-    action ask = [&] { inside.set_value(in_loop()); };
-    void* handle = async(ask);
-    ops_.async_start(loop_, handle);
-    {
-        const runner running(*this);
-        send(handle);
-        EXPECT_TRUE(inside.get_future().get());
-        enter();
-        EXPECT_FALSE(in_loop());
-        leave();
-    }
-    EXPECT_FALSE(in_loop());
 }
 
 TEST_F(loop_threads, watchers_made_by_another_thread_work_and_fall_silent_when_destroyed) {
@@ -65,8 +48,6 @@ TEST_F(loop_threads, watchers_made_by_another_thread_work_and_fall_silent_when_d
         enter();
         void* watch = io(pair.fd(), TLOOP_IO_READ, on_io);
         void* tick = timer(0, 20, on_timer);
-        ops_.io_start(loop_, watch);
-        ops_.timer_start(loop_, tick);
         leave();
         EXPECT_EQ(io_calls + timer_calls, 0);
         leave();
@@ -84,6 +65,23 @@ TEST_F(loop_threads, watchers_made_by_another_thread_work_and_fall_silent_when_d
     }
 }
 
+TEST_F(loop_threads, a_wake_up_carries_what_the_sender_wrote_to_the_one_thread_that_runs_the_loop) {
+    int letter = 0;
+    std::promise<int> read;
+    action take = [&] { read.set_value(in_loop() ? letter : -1); };
+    void* handle = async(take);
+    {
+        const runner running(*this);
+        letter = 42;
+        send(handle);
+        EXPECT_EQ(read.get_future().get(), 42);
+        enter();
+        EXPECT_FALSE(in_loop());
+        leave();
+    }
+    EXPECT_FALSE(in_loop());
+}
+
 TEST_F(loop_threads, watchers_made_while_nobody_runs_the_loop_work_for_every_thread_that_runs_it) {
     int calls = 0;
     std::promise<void> called;
@@ -95,7 +93,7 @@ TEST_F(loop_threads, watchers_made_while_nobody_runs_the_loop_work_for_every_thr
     std::thread([&] {
         enter();
         handle = async(count);
-        ops_.async_start(loop_, handle);
+        EXPECT_FALSE(in_loop());
         leave();
     }).join();
     for (int i = 1; i <= 3; ++i) {
@@ -120,7 +118,7 @@ TEST_F(loop_threads, a_timer_started_by_another_thread_counts_from_its_start) {
     }
     enter();
     const auto start = clock::now();
-    ops_.timer_start(loop_, timer(10000, 0, note));
+    timer(10000, 0, note);
     leave();
     EXPECT_GE(fired.get_future().get() - start, std::chrono::milliseconds(10));
 }
@@ -133,7 +131,6 @@ TEST_F(loop_threads, a_busy_loop_lets_others_in) {
         send(handle);
     };
     handle = async(again);
-    ops_.async_start(loop_, handle);
     send(handle);
     const runner running(*this);
     std::vector<std::thread> guests;
@@ -168,7 +165,6 @@ TEST_F(loop_threads, no_wake_up_of_four_senders_is_lost) {
         if (taken > 0 && (consumed += taken) == senders * sends) all.set_value();
     };
     void* handle = async(consume);
-    ops_.async_start(loop_, handle);
     const runner running(*this);
     std::vector<std::thread> threads;
     for (int i = 0; i < senders; ++i) {
@@ -184,25 +180,12 @@ TEST_F(loop_threads, no_wake_up_of_four_senders_is_lost) {
         action nothing = [] {};
         enter();
         void* other = async(nothing);
-        ops_.async_start(loop_, other);
         ops_.async_destroy(loop_, other);
         leave();
     }
     for (auto& each : threads)
         each.join();
     EXPECT_TRUE(comes(all.get_future()));
-}
-
-TEST_F(loop_threads, a_wake_up_carries_what_the_sender_wrote) {
-    int letter = 0;
-    std::promise<int> read;
-    action take = [&] { read.set_value(letter); };
-    void* handle = async(take);
-    ops_.async_start(loop_, handle);
-    const runner running(*this);
-    letter = 42;
-    send(handle);
-    EXPECT_EQ(read.get_future().get(), 42);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <random>
 
 #include "platform/tndm/quic/credentials.h"
@@ -12,17 +13,10 @@
 namespace transport_test {
 
 bytes_t random_content(size_t size, uint32_t seed) {
-    bytes_t made(size);
-    std::mt19937_64 random(seed);
-    size_t at = 0;
-    for (; at + 8 <= size; at += 8) {
-        const uint64_t value = random();
-        std::memcpy(made.data() + at, &value, 8);
-    }
-    for (; at < size; ++at) {
-        made[at] = static_cast<uint8_t>(random());
-    }
-    return made;
+    std::vector<uint64_t> words(size / 8 + 1);
+    std::generate(words.begin(), words.end(), std::mt19937_64(seed));
+    const auto* const bytes = reinterpret_cast<const uint8_t*>(words.data());
+    return {bytes, bytes + size};
 }
 
 namespace {
@@ -55,7 +49,7 @@ const identity& identity::other() {
 // --- side ---
 
 side::side(const settings& s) : settings_(s), loop_(s.loop != nullptr ? s.loop : std::make_shared<loop_thread>()) {
-    const st_tndm_instance_t record{s.streams, s.congestion, false, s.first_payload, s.stream_window, loop_->get()};
+    const st_tndm_instance_t record{s.streams, s.congestion, false, 0, 256 * 1024, loop_->get()};
     instance_ = tndm_create_instance(&record, this);
 }
 
@@ -95,17 +89,20 @@ bytes_t side::content(void* connection, uint64_t stream) {
     return look([&] { return connections[connection].streams[stream].bytes; });
 }
 
+void side::expect_content(void* connection, uint64_t stream, const bytes_t& expected) {
+    ASSERT_TRUE(received(connection, stream, expected.size(), true))
+        << "stream " << stream << ": " << size(connection, stream) << " of " << expected.size();
+    EXPECT_TRUE(content(connection, stream) == expected) << "stream " << stream;
+}
+
 uint64_t side::size(void* connection, uint64_t stream) {
     return look([&] { return connections[connection].streams[stream].size; });
 }
 
 size_t side::live() {
     return look([&] {
-        size_t count = 0;
-        for (void* each : established) {
-            count += connections[each].over ? 0 : 1;
-        }
-        return count;
+        return static_cast<size_t>(
+            std::count_if(established.begin(), established.end(), [&](void* each) { return !connections[each].over; }));
     });
 }
 
@@ -137,109 +134,93 @@ std::vector<st_tndm_path_info_t> side::carried_paths(void* connection) const {
     return found;
 }
 
-// --- callbacks: the instance's user data are gone while another thread destroys it ---
+// --- callbacks ---
 
-void side::established_cb(void* instance, const st_tndm_connection_id_t* id, void* connection) {
-    side* const self = of(instance);
-    if (self == nullptr) {
-        return;
+// Null when another thread is destroying the instance, whose user data are gone then.
+template <typename R>
+side* side::note(void* instance, R&& change) {
+    side* const self = static_cast<side*>(tndm_get_instance_userdata(instance));
+    if (self != nullptr) {
+        const std::lock_guard lock(self->mutex_);
+        change(*self);
+        self->changed_.notify_all();
     }
-    self->note([&] {
-        self->connections[connection].id.assign(id->id, id->id + id->length);
-        self->established.push_back(connection);
-    });
-    if (self->on_established) {
-        self->on_established(connection);
+    return self;
+}
+
+template <typename... T, typename R>
+void side::tell(void* instance, std::function<void(T...)> side::*heard, R&& change, std::type_identity_t<T>... what) {
+    side* const self = note(instance, std::forward<R>(change));
+    if (self != nullptr && self->*heard) {
+        (self->*heard)(what...);
     }
 }
 
+void side::established_cb(void* instance, const st_tndm_connection_id_t* id, void* connection) {
+    const auto change = [&](side& self) {
+        self.connections[connection].id.assign(id->id, id->id + id->length);
+        self.established.push_back(connection);
+    };
+    tell(instance, &side::on_established, change, connection);
+}
+
 void side::disconnected_cb(void* instance, const st_tndm_connection_id_t* id, void* connection) {
-    side* const self = of(instance);
-    if (self == nullptr) {
-        return;
-    }
-    self->note([&] {
-        auto& record = self->connections[connection];
+    const auto change = [&](side& self) {
+        auto& record = self.connections[connection];
         EXPECT_EQ(record.id, bytes_t(id->id, id->id + id->length));
         EXPECT_FALSE(record.over) << "told twice that a connection is over";
         record.over = true;
-    });
-    if (self->on_disconnected) {
-        self->on_disconnected(connection);
-    }
+    };
+    tell(instance, &side::on_disconnected, change, connection);
 }
 
 void side::data_cb(void* instance, void* connection, uint64_t stream, int fin, const uint8_t* data, uint32_t len,
                    int*) {
-    side* const self = of(instance);
-    if (self == nullptr) {
-        return;
-    }
-    self->note([&] {
-        auto& record = self->connections[connection];
+    const auto change = [&](side& self) {
+        auto& record = self.connections[connection];
         EXPECT_FALSE(record.id.empty()) << "data before the connection was announced";
         EXPECT_FALSE(record.over) << "data of a connection that is over";
         auto& to = record.streams[stream];
         EXPECT_FALSE(to.fin) << "data behind the end of a stream";
-        if (self->keep_content) {
+        if (self.keep_content) {
             to.bytes.insert(to.bytes.end(), data, data + len);
         }
         to.size += len;
         to.fin = fin != 0;
-        record.order.emplace_back(stream, len);
-    });
-    if (self->on_data) {
-        self->on_data(connection, stream, fin != 0, data, len);
-    }
+    };
+    tell(instance, &side::on_data, change, connection, stream, fin != 0, data, len);
 }
 
-int side::create_path_cb(void* opaque, const char* path) {
-    side* const self = of(opaque);
-    if (self == nullptr) {
-        return -1;
-    }
-    self->note([&] { self->created_paths.emplace_back(path); });
-    if (self->on_create_path) {
-        self->on_create_path(path);
-    }
+int side::create_path_cb(void* instance, const char* path) {
+    tell(
+        instance, &side::on_create_path, [&](side& self) { self.created_paths.emplace_back(path); }, path);
     return tndm_open_socket(AF_INET, 0, path);
 }
 
-int side::path_broken_cb(void* opaque, const char* path, int socket) {
+int side::path_broken_cb(void* instance, const char* path, int socket) {
     tndm_close_socket(socket);
-    side* const self = of(opaque);
-    if (self != nullptr) {
-        self->note([&] { self->broken_paths.emplace_back(path); });
-        if (self->on_path_broken) {
-            self->on_path_broken(path);
-        }
-    }
+    tell(
+        instance, &side::on_path_broken, [](side&) {}, path);
     return 0;
 }
 
-void side::statistics_cb(void* instance, void*, uint64_t rtt, uint64_t window, uint64_t in_flight, uint64_t rate,
-                         uint64_t lost) {
-    if (side* const self = of(instance)) {
-        self->note([&] { self->statistics.push_back({rtt, window, in_flight, rate, lost}); });
-    }
+void side::statistics_cb(void* instance, void*, uint64_t rtt, uint64_t window, uint64_t, uint64_t rate, uint64_t) {
+    note(instance, [&](side& self) { self.statistics.push_back({rtt, window, rate}); });
 }
 
 void side::writable_cb(void* instance, void* connection, uint64_t stream) {
-    if (side* const self = of(instance)) {
-        self->note([&] { self->writable.emplace_back(connection, stream); });
-        if (self->on_writable) {
-            self->on_writable(connection, stream);
-        }
-    }
+    tell(
+        instance, &side::on_writable, [&](side& self) { self.writable.emplace_back(connection, stream); }, connection,
+        stream);
 }
 
 void side::problem_cb(void* instance, int code, const char* text) {
-    if (side* const self = of(instance)) {
-        self->note([&] { self->problems.push_back({code, text}); });
-        if (self->on_problem) {
-            self->on_problem(code);
-        }
-    }
+    tell(
+        instance, &side::on_problem,
+        [&](side& self) {
+            self.problems.push_back({code, text});
+        },
+        code);
 }
 
 // --- the two kinds ---
@@ -260,8 +241,8 @@ server_side::~server_side() {
 int server_side::start() {
     st_tndm_server_t record{};
     record.alpn = settings_.alpn;
-    record.cert = settings_.shown->cert.c_str();
-    record.key = settings_.shown->key.c_str();
+    record.cert = identity::own().cert.c_str();
+    record.key = identity::own().key.c_str();
     record.on_established = established_cb;
     record.on_disconnected = disconnected_cb;
     record.on_data = data_cb;
@@ -291,14 +272,13 @@ int client_side::start(uint16_t port, const std::string& host) {
 
 // --- pair_test ---
 
-void pair_test::start(const std::vector<std::string>& paths, const settings& client_settings,
-                      const settings& server_settings, uint16_t by_port) {
+void pair_test::start(const std::vector<std::string>& paths, const settings& of_client, const settings& of_server) {
     if (server == nullptr) {
-        server = std::make_unique<server_side>(server_settings);
+        server = std::make_unique<server_side>(of_server);
         ASSERT_EQ(server->start(), 0);
     }
-    client = std::make_unique<client_side>(client_settings);
-    ASSERT_EQ(client->start(by_port != 0 ? by_port : server->port()), 0);
+    client = std::make_unique<client_side>(of_client);
+    ASSERT_EQ(client->start(net != nullptr ? net->port() : server->port()), 0);
     for (const auto& path : paths) {
         ASSERT_EQ(client->add(path), 0);
     }
@@ -306,11 +286,25 @@ void pair_test::start(const std::vector<std::string>& paths, const settings& cli
     at_server = server->connected();
     ASSERT_NE(at_client, nullptr);
     ASSERT_NE(at_server, nullptr);
-    ASSERT_TRUE(eventually([&] { return server->carried_paths(at_server).size() == paths.size(); }));
-    ASSERT_TRUE(eventually([&] { return client->carried_paths(at_client).size() == paths.size(); }));
+    ASSERT_TRUE(eventually([&] {
+        return server->carried_paths(at_server).size() == paths.size() &&
+               client->carried_paths(at_client).size() == paths.size();
+    }));
 }
 
-void pair_test::exchange(size_t bytes, unsigned streams, milliseconds limit) {
+void pair_test::start_over(const std::vector<std::string>& paths, const std::function<void(conditions&)>& change,
+                           const settings& of_client, network::tap_t tap) {
+    reset();
+    server = std::make_unique<server_side>();
+    net = std::make_unique<network>(server->port(), std::move(tap));
+    if (change) {
+        net->set(change);
+    }
+    ASSERT_EQ(server->start(), 0);
+    start(paths, of_client);
+}
+
+void pair_test::exchange(size_t bytes, unsigned streams) {
     struct flow {
         side* to;
         void* connection;
@@ -321,10 +315,9 @@ void pair_test::exchange(size_t bytes, unsigned streams, milliseconds limit) {
     std::mt19937 random(static_cast<uint32_t>(bytes) + streams);
     for (unsigned i = 0; i < 2 * streams; ++i) {
         const bool up = i % 2 == 0;
-        const bool one_way = i % 4 < 2;
         void* const from = up ? at_client : at_server;
         auto content = random_content(bytes / 2 + random() % (bytes / 2 + 1), i);
-        const uint64_t stream = side::open(from, one_way);
+        const uint64_t stream = side::open(from, i % 4 < 2);
         ASSERT_NE(stream, ~uint64_t{0});
         for (size_t at = 0; at < content.size();) {
             const size_t take = std::min<size_t>(content.size() - at, 1 + random() % 100000);
@@ -338,13 +331,8 @@ void pair_test::exchange(size_t bytes, unsigned streams, milliseconds limit) {
         flows.push_back({up ? static_cast<side*>(server.get()) : client.get(), up ? at_server : at_client, stream,
                          std::move(content)});
     }
-    const auto end = std::chrono::steady_clock::now() + limit;
     for (const flow& each : flows) {
-        const auto left = std::chrono::duration_cast<milliseconds>(end - std::chrono::steady_clock::now());
-        ASSERT_TRUE(each.to->received(each.connection, each.stream, each.content.size(), true, left))
-            << "stream " << each.stream << ": " << each.to->size(each.connection, each.stream) << " of "
-            << each.content.size();
-        ASSERT_TRUE(each.to->content(each.connection, each.stream) == each.content) << "stream " << each.stream;
+        each.to->expect_content(each.connection, each.stream, each.content);
     }
 }
 

@@ -21,6 +21,7 @@
 
 #include "link/tloop.h"
 #include "link/tndm.h"
+#include "tests/transport/network.h"
 
 namespace transport_test {
 
@@ -68,11 +69,8 @@ struct identity {
 struct settings {
     std::shared_ptr<loop_thread> loop;  // null: one of its own
     uint32_t streams = 100;
-    uint32_t stream_window = 256 * 1024;
-    uint32_t first_payload = 0;
     const char* congestion = "bbr";
     const char* alpn = "test";
-    const identity* shown = &identity::own();
     std::string trust = "insecure:yes";
     uint32_t linger_seconds = 30;
     uint32_t statistics_ms = 0;
@@ -91,14 +89,14 @@ class side {
         bytes_t id;
         bool over = false;
         std::map<uint64_t, stream_record> streams;
-        std::vector<std::pair<uint64_t, uint64_t>> order;  // stream and size of each delivery
     };
     struct problem {
         int code;
         std::string text;
     };
-    struct statistics_record {
-        uint64_t rtt, window, in_flight, rate, lost;
+
+    struct figures {
+        uint64_t rtt, window, rate;
     };
 
     explicit side(const settings& s);
@@ -128,6 +126,8 @@ class side {
     // Waits until `count` bytes of a stream have come (and its end, if wanted).
     bool received(void* connection, uint64_t stream, uint64_t count, bool fin, milliseconds limit = patience);
     bytes_t content(void* connection, uint64_t stream);
+    // Waits for the stream's end; everything must be there.
+    void expect_content(void* connection, uint64_t stream, const bytes_t& expected);
     uint64_t size(void* connection, uint64_t stream);
     size_t live();
 
@@ -138,12 +138,11 @@ class side {
     // Those that have a subflow now.
     std::vector<st_tndm_path_info_t> carried_paths(void* connection) const;
 
-    // Run on the loop's thread, before the record is written; set them before start().
+    // Run on the loop's thread, after the record was written; set them before start().
     std::function<void(void*connection)> on_established, on_disconnected;
     std::function<void(void* connection, uint64_t stream, bool fin, const uint8_t* data, uint32_t size)> on_data;
     std::function<void(void* connection, uint64_t stream)> on_writable;
-    std::function<void(const std::string&)> on_create_path;
-    std::function<void(const std::string&)> on_path_broken;
+    std::function<void(const char*path)> on_create_path, on_path_broken;
     std::function<void(int)> on_problem;
     std::atomic<bool> keep_content{true};
 
@@ -152,8 +151,8 @@ class side {
     std::vector<void*> established;
     std::vector<std::pair<void*, uint64_t>> writable;
     std::vector<problem> problems;
-    std::vector<statistics_record> statistics;
-    std::vector<std::string> created_paths, broken_paths;
+    std::vector<figures> statistics;
+    std::vector<std::string> created_paths;
 
   protected:
     static void established_cb(void* instance, const st_tndm_connection_id_t* id, void* connection);
@@ -166,17 +165,15 @@ class side {
                               uint64_t rate, uint64_t lost);
     static void writable_cb(void* instance, void* connection, uint64_t stream);
     static void problem_cb(void* instance, int code, const char* text);
-    static side* of(void* instance) { return static_cast<side*>(tndm_get_instance_userdata(instance)); }
 
     settings settings_;
 
   private:
-    template <typename F>
-    void note(F&& change) {
-        const std::lock_guard lock(mutex_);
-        change();
-        changed_.notify_all();
-    }
+    template <typename R>
+    static side* note(void* instance, R&& change);
+    template <typename... T, typename R>
+    static void tell(void* instance, std::function<void(T...)> side::*heard, R&& change,
+                     std::type_identity_t<T>... what);
 
     std::shared_ptr<loop_thread> loop_;
     std::atomic<void*> instance_{nullptr};
@@ -221,15 +218,24 @@ bool eventually(P&& happened, milliseconds limit = patience) {
     return happened();
 }
 
-// A server and a client that is (or will be) connected to it.
+// A server and a client that is (or will be) connected to it, perhaps through a network.
 class pair_test : public ::testing::Test {
   protected:
-    // Starts both and waits until the client has a connection and the server has as many lanes as there are paths.
-    void start(const std::vector<std::string>& paths, const settings& client_settings = {},
-               const settings& server_settings = {}, uint16_t by_port = 0);
+    // Starts both (a server that is there has been started) and waits until the client has a connection and both ends
+    // have as many lanes as there are paths.
+    void start(const std::vector<std::string>& paths, const settings& of_client = {}, const settings& of_server = {});
+    // The same through a new network.
+    void start_over(const std::vector<std::string>& paths, const std::function<void(conditions&)>& change = {},
+                    const settings& of_client = {}, network::tap_t tap = {});
     // Bytes both ways over streams of both kinds; everything must come out as it went in.
-    void exchange(size_t bytes, unsigned streams, milliseconds limit = patience);
+    void exchange(size_t bytes, unsigned streams);
+    void reset() {
+        client.reset();
+        server.reset();
+        net.reset();
+    }
 
+    std::unique_ptr<network> net;
     std::unique_ptr<server_side> server;
     std::unique_ptr<client_side> client;
     void* at_server = nullptr;

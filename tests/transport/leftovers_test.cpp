@@ -12,21 +12,17 @@
 namespace transport_test {
 namespace {
 
-struct holdings {
-    ptrdiff_t descriptors, threads;
-    size_t instances, connections, heap;
+size_t entries(const char* folder) {
+    return static_cast<size_t>(
+        std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator()));
+}
 
-    static ptrdiff_t entries(const char* folder) {
-        return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
-    }
-    static holdings now() {
-        return {entries("/proc/self/fd"), entries("/proc/self/task"),
-                tndm::registry<tndm::instance>::of_process().size(), tndm::registry<tndm::ledger>::of_process().size(),
-                mallinfo2().uordblks};
-    }
-};
+// Descriptors, threads, instances, connections.
+std::array<size_t, 4> holdings() {
+    return {entries("/proc/self/fd"), entries("/proc/self/task"), tndm::registry<tndm::instance>::of_process().size(),
+            tndm::registry<tndm::ledger>::of_process().size()};
+}
 
-// A client that connects, says something in both directions and goes; on both sides nothing of it may stay.
 class leftovers : public ::testing::Test {
   protected:
     leftovers() {
@@ -35,122 +31,81 @@ class leftovers : public ::testing::Test {
             tndm_add_to_stream(connection, stream, data, size, fin);
         };
         EXPECT_EQ(server.start(), 0);
+        s.loop = std::make_shared<loop_thread>();
     }
-    void connect_once(unsigned paths) {
-        settings s;
-        s.loop = loop;
-        client_side client(s);
-        ASSERT_EQ(client.start(server.port()), 0);
-        for (unsigned i = 0; i < paths; ++i) {
-            ASSERT_EQ(client.add(two_paths[i]), 0);
+    // So many clients connect at once, say something, hear it again and go; and that `rounds` times.
+    void connect(size_t rounds, size_t count, size_t paths) {
+        for (size_t round = 0; round < rounds && !HasFatalFailure(); ++round) {
+            std::vector<std::unique_ptr<client_side>> clients;
+            for (size_t i = 0; i < count; ++i) {
+                clients.push_back(std::make_unique<client_side>(s));
+                ASSERT_EQ(clients.back()->start(server.port()), 0);
+                for (size_t path = 0; path < paths; ++path) {
+                    ASSERT_EQ(clients.back()->add(two_paths[(i + path) % 2]), 0);
+                }
+            }
+            for (auto& client : clients) {
+                void* const connection = client->connected();
+                ASSERT_NE(connection, nullptr);
+                client->expect_content(connection, side::send(connection, content, true), content);
+            }
+            EXPECT_GE(server.live(), count);
         }
-        void* const connection = client.connected();
-        ASSERT_NE(connection, nullptr);
-        const uint64_t stream = side::send(connection, content, true);
-        ASSERT_TRUE(client.received(connection, stream, content.size(), true));
-    }
-    // The record would grow with every connection.
-    void forget() {
-        server.wait([&] {
+        ASSERT_TRUE(server.wait([&] {
             return std::all_of(server.connections.begin(), server.connections.end(),
                                [](const auto& entry) { return entry.second.over; });
-        });
+        }));
+        // The record would grow with every connection.
         server.look([&] {
             server.connections.clear();
             server.established.clear();
         });
+        EXPECT_TRUE(eventually([] { return tndm::registry<tndm::ledger>::of_process().size() == 0; }));
     }
-    void expect_no_more_than(const holdings& before, size_t connections) {
-        forget();
-        EXPECT_TRUE(eventually([&] {
-            const holdings after = holdings::now();
-            return after.descriptors == before.descriptors && after.threads == before.threads &&
-                   after.instances == before.instances && after.connections == before.connections;
-        }));
-        const holdings after = holdings::now();
-        EXPECT_EQ(after.descriptors, before.descriptors);
-        EXPECT_EQ(after.threads, before.threads);
-        EXPECT_EQ(after.instances, before.instances);
-        EXPECT_EQ(after.connections, before.connections);
+    void expect_nothing_of(size_t rounds, size_t count, size_t paths) {
+        connect(20 / count + 1, count, paths);
+        const auto before = holdings();
+        const size_t heap = mallinfo2().uordblks;
+        connect(rounds, count, paths);
+        eventually([&] { return holdings() == before; });
+        EXPECT_EQ(holdings(), before);
 #ifndef TRANSPORT_SMALL  // sanitizers keep freed memory, and find leaks by themselves
         // Tables keep their buckets and the allocator its odd ends: a leak of one small object a connection would show.
-        EXPECT_LT(static_cast<ptrdiff_t>(after.heap - before.heap), static_cast<ptrdiff_t>(64 * connections + 65536));
+        EXPECT_LT(mallinfo2().uordblks, heap + 64 * rounds * count + 65536);
 #else
-        static_cast<void>(connections);
+        static_cast<void>(heap);
 #endif
     }
 
-    std::shared_ptr<loop_thread> loop = std::make_shared<loop_thread>();
+    settings s;
     server_side server;
     const bytes_t content = random_content(3000, 1);
 };
 
 TEST_F(leftovers, of_a_thousand_connections_one_after_another_there_are_none) {
-    const size_t count = 1000 / scale;
-    for (int i = 0; i < 20; ++i) {
-        connect_once(2);
-    }
-    forget();
-    EXPECT_TRUE(eventually([] { return tndm::registry<tndm::ledger>::of_process().size() == 0; }));
-    const holdings before = holdings::now();
-    for (size_t i = 0; i < count && !HasFatalFailure(); ++i) {
-        connect_once(i % 8 == 0 ? 2 : 1);
-    }
-    expect_no_more_than(before, count);
+    expect_nothing_of(800 / scale, 1, 1);
+    expect_nothing_of(200 / scale, 1, 2);
 }
 
 TEST_F(leftovers, of_fifty_connections_at_once_there_are_none) {
-    const auto round = [&] {
-        settings s;
-        s.loop = loop;
-        std::vector<std::unique_ptr<client_side>> clients;
-        for (int i = 0; i < 50; ++i) {
-            clients.push_back(std::make_unique<client_side>(s));
-            ASSERT_EQ(clients.back()->start(server.port()), 0);
-            ASSERT_EQ(clients.back()->add(two_paths[static_cast<size_t>(i) % 2]), 0);
-        }
-        std::vector<uint64_t> streams;
-        for (auto& client : clients) {
-            void* const connection = client->connected();
-            ASSERT_NE(connection, nullptr);
-            streams.push_back(side::send(connection, content, true));
-        }
-        EXPECT_EQ(server.live(), 50U);
-        for (size_t i = 0; i < clients.size(); ++i) {
-            ASSERT_TRUE(clients[i]->received(clients[i]->connected(), streams[i], content.size(), true));
-        }
-    };
-    round();
-    forget();
-    EXPECT_TRUE(eventually([] { return tndm::registry<tndm::ledger>::of_process().size() == 0; }));
-    const holdings before = holdings::now();
-    for (int i = 0; i < 3 && !HasFatalFailure(); ++i) {
-        round();
-        forget();
-    }
-    expect_no_more_than(before, 150);
+    expect_nothing_of(3, 50, 1);
 }
 
 // The client's own side: connections that it made again and again within one instance.
 TEST_F(leftovers, of_connections_that_a_client_made_again_there_are_none) {
-    settings s;
-    s.loop = loop;
     client_side client(s);
     ASSERT_EQ(client.start(server.port()), 0);
     ASSERT_EQ(client.add("127.0.0.2"), 0);
     void* connection = client.connected();
-    const holdings before = holdings::now();
+    const auto before = holdings();
     for (int i = 0; i < 4; ++i) {  // pauses between short connections grow
         ASSERT_NE(connection, nullptr);
         tndm_delete_connection(client.instance(), connection);
         ASSERT_TRUE(client.disconnected(connection));
         connection = client.connected();
     }
-    EXPECT_TRUE(eventually([&] {
-        const holdings after = holdings::now();
-        return after.connections == before.connections && after.descriptors == before.descriptors;
-    })) << holdings::now().connections
-        << " " << before.connections << " " << holdings::now().descriptors << " " << before.descriptors;
+    eventually([&] { return holdings() == before; });
+    EXPECT_EQ(holdings(), before);
 }
 
 }  // namespace

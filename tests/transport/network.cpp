@@ -16,37 +16,31 @@ namespace {
 
 constexpr int datagrams_at_once = 64;
 
-int open_udp() {
+sockaddr_in loopback(uint16_t port) {
+    return {.sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
+}
+
+}  // namespace
+
+int open_udp(uint16_t to) {
     const int fd = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     const int bytes = 4 << 20;
-    setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &bytes, sizeof bytes);
     setsockopt(fd, SOL_SOCKET, SO_RCVBUFFORCE, &bytes, sizeof bytes);
-    sockaddr_in own{};
-    own.sin_family = AF_INET;
-    own.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    if (bind(fd, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0) {
+    const sockaddr_in own = loopback(0);
+    const sockaddr_in peer = loopback(to);
+    if (bind(fd, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0 ||
+        (to != 0 && connect(fd, reinterpret_cast<const sockaddr*>(&peer), sizeof peer) != 0)) {
         throw std::runtime_error("no UDP socket");
     }
     return fd;
 }
 
-std::string text_of(const sockaddr_in& address) {
-    char text[INET_ADDRSTRLEN] = {};
-    inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
-    return text;
-}
-
-}  // namespace
-
-network::flow::~flow() {
-    close(upstream);
-}
-
 network::network(uint16_t server_port, tap_t tap)
-    : front_(open_udp()), stop_(eventfd(0, EFD_CLOEXEC)), stranger_(open_udp()), tap_(std::move(tap)) {
-    server_.sin_family = AF_INET;
-    server_.sin_port = htons(server_port);
-    server_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    : server_port_(server_port),
+      front_(open_udp()),
+      stop_(eventfd(0, EFD_CLOEXEC)),
+      stranger_(open_udp(server_port)),
+      tap_(std::move(tap)) {
     sockaddr_in own{};
     socklen_t length = sizeof own;
     getsockname(front_, reinterpret_cast<sockaddr*>(&own), &length);
@@ -78,12 +72,8 @@ network::path_state& network::state_of(const std::string& path) {
     return paths_.try_emplace(path, path_state{defaults_, {}}).first->second;
 }
 
-void network::forget_addresses() {
-    forget_ = true;
-}
-
 void network::inject(const datagram_t& datagram) {
-    sendto(stranger_, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&server_), sizeof server_);
+    send(stranger_, datagram.data(), datagram.size(), 0);
     uint8_t answer[2048];
     while (recv(stranger_, answer, sizeof answer, MSG_DONTWAIT) > 0) {
     }
@@ -137,8 +127,8 @@ void network::read_clients() {
         if (of == nullptr) {
             of = std::make_shared<flow>();
             of->client = from;
-            of->path = text_of(from);
-            of->upstream = open_udp();
+            of->path = inet_ntoa(from.sin_addr);
+            of->upstream = open_udp(server_port_);
         }
         accept(of, way::up, datagram_t(buffer.begin(), buffer.begin() + got));
     }
@@ -156,7 +146,7 @@ void network::read_server(const std::shared_ptr<flow>& of) {
 }
 
 void network::accept(const std::shared_ptr<flow>& of, way direction, datagram_t&& bytes) {
-    if (tap_ && !tap_(direction, of->path, bytes)) {
+    if (tap_ && !tap_(direction, bytes)) {
         return;
     }
     const auto now = clock::now();
@@ -164,7 +154,7 @@ void network::accept(const std::shared_ptr<flow>& of, way direction, datagram_t&
     path_state& state = state_of(of->path);
     const conditions& c = state.now;
     const bool dark = direction == way::up ? c.dark_up : c.dark_down;
-    if (dark || bytes.size() > c.largest || std::uniform_real_distribution<>(0, 1)(random_) < c.loss) {
+    if (dark || bytes.size() > c.largest) {
         return;
     }
     auto& free_at = state.free_at[static_cast<size_t>(direction)];
@@ -174,22 +164,19 @@ void network::accept(const std::shared_ptr<flow>& of, way direction, datagram_t&
         return;
     }
     free_at += std::chrono::nanoseconds((bytes.size() + 28) * 8000 / c.mbit);
-    auto due = free_at + c.delay;
-    if (c.jitter.count() > 0) {
-        due += std::chrono::microseconds(random_() % static_cast<unsigned>(c.jitter.count()));
-    }
-    waiting_.push({due, next_number_++, of, direction, std::move(bytes)});
+    waiting_.push({free_at + c.delay, next_number_++, of, direction, std::move(bytes)});
 }
 
 void network::deliver_due() {
     const auto now = clock::now();
     while (!waiting_.empty() && waiting_.top().due <= now) {
         const packet& next = waiting_.top();
-        const bool up = next.direction == way::up;
-        const sockaddr_in& to = up ? server_ : next.of->client;
-        sendto(up ? next.of->upstream : front_, next.bytes.data(), next.bytes.size(), 0,
-               reinterpret_cast<const sockaddr*>(&to), sizeof to);
-        ++carried_[static_cast<size_t>(next.direction)];
+        if (next.direction == way::up) {
+            send(next.of->upstream, next.bytes.data(), next.bytes.size(), 0);
+        } else {
+            sendto(front_, next.bytes.data(), next.bytes.size(), 0, reinterpret_cast<const sockaddr*>(&next.of->client),
+                   sizeof next.of->client);
+        }
         waiting_.pop();
     }
 }

@@ -4,6 +4,7 @@
 #define TANDEM_TESTS_TRANSPORT_NETWORK_H
 
 #include <netinet/in.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -13,7 +14,6 @@
 #include <memory>
 #include <mutex>
 #include <queue>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -24,8 +24,6 @@ enum class way { up, down };  // to the server, to the client
 
 struct conditions {
     std::chrono::microseconds delay{2000};  // each way
-    std::chrono::microseconds jitter{0};    // up to this much more, which reorders
-    double loss = 0;                        // each way
     uint64_t mbit = 200;                    // each way
     uint64_t queue_bytes = 300'000;         // what waits for the rate; the rest is dropped
     size_t largest = 65536;                 // datagrams above are swallowed
@@ -33,11 +31,14 @@ struct conditions {
     bool dark_down = false;
 };
 
+// A socket on loopback that does not block, connected to that port there unless it is 0.
+int open_udp(uint16_t to = 0);
+
 class network {
   public:
     using datagram_t = std::vector<uint8_t>;
     // False swallows the datagram. On the network's thread.
-    using tap_t = std::function<bool(way, const std::string& path, const datagram_t&)>;
+    using tap_t = std::function<bool(way, const datagram_t&)>;
 
     explicit network(uint16_t server_port, tap_t tap = {});
     ~network();
@@ -52,10 +53,9 @@ class network {
         set(path, [now](conditions& c) { c.dark_up = c.dark_down = now; });
     }
     // From now on every client is seen by the server under a new port.
-    void forget_addresses();
+    void forget_addresses() { forget_ = true; }
     // A datagram to the server from a stranger's address.
     void inject(const datagram_t& datagram);
-    uint64_t carried(way direction) const { return carried_[static_cast<size_t>(direction)]; }
 
   private:
     using clock = std::chrono::steady_clock;
@@ -63,7 +63,7 @@ class network {
         sockaddr_in client{};
         std::string path;
         int upstream = -1;
-        ~flow();
+        ~flow() { close(upstream); }
     };
     struct packet {
         clock::time_point due;
@@ -85,7 +85,7 @@ class network {
     void deliver_due();
     path_state& state_of(const std::string& path);
 
-    sockaddr_in server_{};
+    const uint16_t server_port_;
     uint16_t port_ = 0;
     int front_ = -1;
     int stop_ = -1;
@@ -94,8 +94,6 @@ class network {
     std::map<uint64_t, std::shared_ptr<flow>> flows_;
     std::priority_queue<packet, std::vector<packet>, std::greater<>> waiting_;
     uint64_t next_number_ = 0;
-    std::minstd_rand random_{7};
-    std::atomic<uint64_t> carried_[2]{};
     std::atomic<bool> forget_{false};
 
     std::mutex mutex_;  // guards what follows

@@ -1,7 +1,6 @@
 // What a connection tells of its paths.
 #include "platform/tndm/endpoint/path_book.h"
 #include "tests/transport/fixture.h"
-#include "tests/transport/network.h"
 
 namespace transport_test {
 namespace {
@@ -73,7 +72,7 @@ TEST(path_book, lists_what_is_wanted_and_bounds_what_is_not) {
     EXPECT_STREQ(left[1].name, "hostile 968");
 }
 
-class paths : public pair_test {};
+using paths = pair_test;
 
 // A path that is removed at the client stays listed at the server, and what it counted is added to when it returns.
 TEST_F(paths, both_ends_list_a_path_under_one_name_across_its_subflows) {

@@ -1,6 +1,5 @@
 // Networks that lose, delay, reorder and go dark.
 #include "tests/transport/fixture.h"
-#include "tests/transport/network.h"
 
 namespace transport_test {
 namespace {
@@ -9,35 +8,18 @@ using clock = std::chrono::steady_clock;
 
 class trouble : public pair_test {
   protected:
-    void start_over(const std::vector<std::string>& paths, const std::function<void(conditions&)>& change = {},
-                    network::tap_t tap = {}, settings s = {}) {
-        server = std::make_unique<server_side>();
-        net = std::make_unique<network>(server->port(), std::move(tap));
-        if (change) {
-            net->set(change);
-        }
-        ASSERT_EQ(server->start(), 0);
-        start(paths, s, {}, net->port());
-    }
     void begin_transfer(size_t bytes) {
         content = random_content(bytes, 77);
         stream = side::send(at_client, content, true);
     }
     uint64_t arrived() { return server->size(at_server, stream); }
-    void expect_intact(milliseconds limit = patience) {
-        ASSERT_TRUE(server->received(at_server, stream, content.size(), true, limit))
-            << arrived() << " of " << content.size();
-        EXPECT_TRUE(server->content(at_server, stream) == content);
+    void expect_intact() {
+        server->expect_content(at_server, stream, content);
         EXPECT_EQ(client->live(), 1U);
         EXPECT_EQ(client->look([&] { return client->established.size(); }), 1U) << "it was another connection";
     }
-    void TearDown() override {
-        client.reset();
-        server.reset();
-        net.reset();
-    }
+    void TearDown() override { reset(); }
 
-    std::unique_ptr<network> net;
     std::atomic<int> pass = 1 << 30;  // how many datagrams to the server still come through, if the network's tap asks
     bytes_t content;
     uint64_t stream = 0;
@@ -60,7 +42,6 @@ TEST_P(blackout, is_over_soon_after_light_returns) {
         c.mbit = 60;
         c.delay = 10ms;
     });
-    server->keep_content = true;
     // More than can pass before the light returns.
     const size_t size = count == 1 ? 12'000'000 : 6'000'000 + static_cast<size_t>(dark.count()) * 8'000;
     begin_transfer(size);
@@ -83,10 +64,8 @@ TEST_P(blackout, is_over_soon_after_light_returns) {
     const auto light = clock::now();
     const uint64_t before = arrived();
     ASSERT_TRUE(server->received(at_server, stream, std::min<uint64_t>(before + 1, size), false));
-    const double back_after = seconds_since(light);
-    RecordProperty("back_after_ms", static_cast<int>(back_after * 1000));
     // A subflow opened while it is dark repeats its first packet every 360 ms at least.
-    EXPECT_LT(back_after, count == 1 ? 1.0 : 1.0 * static_cast<double>(scale));
+    EXPECT_LT(seconds_since(light), count == 1 ? 1.0 : 1.0 * static_cast<double>(scale));
     expect_intact();
     // The path itself is back in use.
     side::send(at_client, random_content(1'000'000, 5), true);
@@ -118,32 +97,17 @@ TEST_F(trouble, a_download_goes_on_soon_after_light_returns_to_a_slow_path) {
     ASSERT_TRUE(client->received(at_client, down, size, true));
 }
 
-void PrintTo(const darkness& d, std::ostream* out) {
-    *out << d.time.count() << " ms, " << d.paths << " paths";
-}
-
-std::string name_of(const ::testing::TestParamInfo<darkness>& info) {
-    return std::to_string(info.param.time.count()) + "_ms_" +
-           (info.param.paths == 1 ? "on_the_only_path" : "on_one_of_two");
-}
-
-std::vector<darkness> lengths() {
-    std::vector<darkness> all = {{500ms, 1}, {1s, 1}, {4s, 1}, {5s, 1}, {500ms, 2}, {1s, 2}, {4s, 2}};
-    if (scale == 1) {
-        all.push_back({15s, 1});
-        all.push_back({15s, 2});
-    }
-    return all;
-}
-
-INSTANTIATE_TEST_SUITE_P(transport, blackout, ::testing::ValuesIn(lengths()), name_of);
+INSTANTIATE_TEST_SUITE_P(transport, blackout,
+                         ::testing::Values(darkness{500ms, 1}, darkness{1s, 1}, darkness{4s, 1}, darkness{5s, 1},
+                                           darkness{15s, 1}, darkness{500ms, 2}, darkness{1s, 2}, darkness{4s, 2},
+                                           darkness{6s, 2}));
 
 // One short darkness after another, each much shorter than the connection outlives its paths: the waiting times must
 // not be added up.
 TEST_F(trouble, two_dark_moments_are_not_one_long_darkness) {
     settings s;
     s.linger_seconds = 3;
-    start_over(one_path, {}, {}, s);
+    start_over(one_path, {}, s);
     ASSERT_EQ(tndm_enable_keep_alive(at_client, nullptr, 50, 0), 0);
     stream = side::open(at_client);
     const auto answers = [&] {
@@ -171,7 +135,7 @@ TEST_F(trouble, two_dark_moments_are_not_one_long_darkness) {
 TEST_F(trouble, a_connection_without_a_path_ends_on_both_sides_after_its_time) {
     settings s;
     s.linger_seconds = 2;
-    start_over(one_path, {}, {}, s);
+    start_over(one_path, {}, s);
     // The server sends nothing, probes included, before it has heard that the client is ready.
     stream = side::open(at_client);
     const uint8_t byte = 1;
@@ -192,10 +156,8 @@ TEST_F(trouble, a_connection_without_a_path_ends_on_both_sides_after_its_time) {
 // The last datagrams of a burst go missing once, and nothing follows that would show it.
 TEST_F(trouble, a_lost_tail_is_sent_again_by_itself) {
     start_over(
-        one_path, [](conditions& c) { c.delay = 10ms; },
-        [&](way direction, const std::string&, const network::datagram_t&) {
-            return direction == way::down || pass-- > 0;
-        });
+        one_path, [](conditions& c) { c.delay = 10ms; }, {},
+        [&](way direction, const network::datagram_t&) { return direction == way::down || pass-- > 0; });
     stream = side::open(at_client);
     uint64_t total = 0;
     for (int round = 0; round < 20; ++round) {
@@ -214,25 +176,10 @@ TEST_F(trouble, a_lost_tail_is_sent_again_by_itself) {
     }
 }
 
-TEST_F(trouble, loss_and_reordering_cost_time_and_nothing_else) {
-    for (const double loss : {0.01, 0.05}) {
-        for (const auto jitter : {0ms, 5ms}) {
-            SCOPED_TRACE("loss " + std::to_string(loss) + ", jitter " + std::to_string(jitter.count()) + " ms");
-            TearDown();
-            start_over(two_paths, [&](conditions& c) {
-                c.loss = loss;
-                c.jitter = jitter;
-            });
-            exchange(2'000'000 / scale, 2);
-        }
-    }
-}
-
 // From some moment on the path takes no large datagrams any more, and says nothing.
 TEST_F(trouble, a_hole_for_large_datagrams_is_found_and_avoided) {
     for (const size_t largest : {1250U, 1350U}) {
         SCOPED_TRACE(largest);
-        TearDown();
         start_over(one_path, [](conditions& c) { c.mbit = 40; });
         begin_transfer(8'000'000 / scale);
         ASSERT_TRUE(server->received(at_server, stream, 1'000'000 / scale, false));
@@ -244,15 +191,6 @@ TEST_F(trouble, a_hole_for_large_datagrams_is_found_and_avoided) {
         EXPECT_LT(seconds_since(shrunk), 5.0);
         expect_intact();
     }
-}
-
-TEST_F(trouble, a_path_that_dies_for_ever_is_done_without) {
-    start_over(two_paths, [](conditions& c) { c.mbit = 60; });
-    begin_transfer(10'000'000 / scale);
-    ASSERT_TRUE(server->received(at_server, stream, 1'000'000 / scale, false));
-    net->dark("127.0.0.2", true);
-    expect_intact();
-    exchange(500'000 / scale, 1);
 }
 
 // Only one direction of a path is lost for so long that the server forgets it: when it returns, the connection, which
@@ -319,7 +257,7 @@ TEST_F(trouble, the_last_path_may_go_and_another_one_take_over) {
     settings s;
     s.linger_seconds = 2;
     start_over(
-        one_path, [](conditions& c) { c.mbit = 60; }, {}, s);
+        one_path, [](conditions& c) { c.mbit = 60; }, s);
     begin_transfer(10'000'000 / scale);
     ASSERT_TRUE(server->received(at_server, stream, 500'000 / scale, false));
     ASSERT_EQ(tndm_remove_path(client->instance(), "127.0.0.2"), 0);
@@ -338,22 +276,20 @@ TEST_F(trouble, the_last_path_may_go_and_another_one_take_over) {
 
 // A path whose gateway is dead from the start, and one that carries nothing yet: neither slows the good one.
 TEST_F(trouble, a_path_that_never_answers_slows_nothing) {
-    server = std::make_unique<server_side>();
-    net = std::make_unique<network>(server->port());
-    net->set([](conditions& c) { c.mbit = 60; });
+    start_over(one_path, [](conditions& c) { c.mbit = 60; });
+    client.reset();
+    ASSERT_TRUE(server->disconnected(at_server));
     net->dark("127.0.0.3", true);
-    ASSERT_EQ(server->start(), 0);
+    const auto begin = clock::now();
     client = std::make_unique<client_side>();
     ASSERT_EQ(client->start(net->port()), 0);
     ASSERT_EQ(client->add("127.0.0.3"), 0);
     ASSERT_EQ(client->add("127.0.0.2"), 0);
-    at_client = client->connected(2s);
-    at_server = server->connected(2s);
-    ASSERT_NE(at_client, nullptr);
-    const auto begin = clock::now();
+    at_client = client->connected();
+    at_server = server->connected();
     begin_transfer(6'000'000 / scale);
     expect_intact();
-    EXPECT_LT(seconds_since(begin), 4.0) << "6 MB at 60 Mbit/s";
+    EXPECT_LT(seconds_since(begin), 5.0) << "6 MB at 60 Mbit/s";
 }
 
 // What the client says of its paths holds for what the server sends.
@@ -379,10 +315,9 @@ TEST_F(trouble, both_directions_obey_the_options_and_the_schedule) {
     EXPECT_LT(sent_by_server("127.0.0.3"), most / 10);
     net->dark("127.0.0.2", true);
     download();
-    TearDown();
     settings s;
     s.schedule = "redundant";
-    start_over(two_paths, {}, {}, s);
+    start_over(two_paths, {}, s);
     EXPECT_NE(tndm_set_schedule(client->instance(), "default"), 0) << "it has started";
     download();
     EXPECT_TRUE(
@@ -393,7 +328,6 @@ TEST_F(trouble, both_directions_obey_the_options_and_the_schedule) {
 TEST_F(trouble, a_restarted_server_is_noticed_at_once) {
     for (const auto& paths : {one_path, two_paths}) {
         SCOPED_TRACE(paths.size());
-        TearDown();
         start_over(paths);
         side::send(at_client, random_content(100'000, 1), false);
         for (const auto& path : paths) {
