@@ -1,6 +1,7 @@
 #include <ctime>
 
 #include "app/json_line.h"
+#include "app/watch_columns.h"
 #include "app/watch_text.h"
 
 namespace tandem::app {
@@ -31,39 +32,22 @@ const char* name_of(congestion_t congestion) {
     }
 }
 
-void add_path(json_line_t& out, const path_report_t& path) {
-    const path_sample_t& now = path.sample;
-    out.begin_object();
-    out.add("name", now.name);
-    out.add("state", now.state);
-    out.add("rtt_ms", static_cast<double>(now.rtt_us) / 1000);
-    out.add("down_bytes_per_s", path.down);
-    out.add("up_bytes_per_s", path.up);
-    out.add("loss_percent", path.loss * 100);
-    out.add("share_percent", path.share * 100);
-    out.add("window_bytes", now.window_bytes);
-    out.add("delivery_bytes_per_s", now.delivery_rate);
-    out.add("pacing_bytes_per_s", now.pacing_rate);
-    out.add("received_bytes", now.bytes_received);
-    out.add("sent_bytes", now.bytes_sent);
-    out.add("resent_bytes", now.bytes_resent);
-    out.add("received_packets", now.packets_received);
-    out.add("sent_packets", now.packets_sent);
-    out.add("lost_packets", now.packets_lost);
-    out.end_object();
-}
+constexpr std::pair<const char*, uint64_t peer_path_t::*> peer_figures[] = {
+    {"rtt_ms", &peer_path_t::rtt_ms},
+    {"down_bytes_per_s", &peer_path_t::down_rate},
+    {"up_bytes_per_s", &peer_path_t::up_rate},
+    {"lost_packets_per_s", &peer_path_t::lost_rate},
+    {"received_bytes", &peer_path_t::bytes_received},
+    {"sent_bytes", &peer_path_t::bytes_sent},
+    {"lost_packets", &peer_path_t::packets_lost},
+};
 
-void add_peer_path(json_line_t& out, const peer_path_t& path) {
+// A path's name, its state and what `add_figures` adds.
+void add_path(json_line_t& out, const auto& named, const auto& add_figures) {
     out.begin_object();
-    out.add("name", path.name);
-    out.add("state", path.state);
-    out.add("rtt_ms", path.rtt_ms);
-    out.add("down_bytes_per_s", path.down_rate);
-    out.add("up_bytes_per_s", path.up_rate);
-    out.add("lost_packets_per_s", path.lost_rate);
-    out.add("received_bytes", path.bytes_received);
-    out.add("sent_bytes", path.bytes_sent);
-    out.add("lost_packets", path.packets_lost);
+    out.add("name", named.name);
+    out.add("state", named.state);
+    add_figures();
     out.end_object();
 }
 
@@ -79,13 +63,21 @@ void add_link(json_line_t& out, const link_report_t& link, watch_role_t role) {
     out.add("queued_trend_bytes_per_s", link.trend);
     out.add("congestion", name_of(link.congestion));
     out.begin_array("paths");
-    for (const path_report_t& path : link.paths)
-        add_path(out, path);
+    for (const path_report_t& path : link.paths) {
+        add_path(out, path.sample, [&] {
+            for (const path_column_t& column : path_columns())
+                out.add(column.key, column.value(path));
+        });
+    }
     out.end_array();
     if (role == watch_role_t::server) {
         out.begin_array("peer_paths");
-        for (const peer_path_t& path : link.sample.peer_paths)
-            add_peer_path(out, path);
+        for (const peer_path_t& path : link.sample.peer_paths) {
+            add_path(out, path, [&] {
+                for (const auto& [key, figure] : peer_figures)
+                    out.add(key, path.*figure);
+            });
+        }
         out.end_array();
     }
     out.end_object();

@@ -1,8 +1,8 @@
 #include <algorithm>
-#include <cmath>
 #include <cstdio>
 
 #include "app/failure.h"
+#include "app/watch_columns.h"
 #include "app/watch_text.h"
 
 namespace tandem::app {
@@ -12,36 +12,10 @@ constexpr size_t longest_name = 24;
 constexpr size_t longest_label = 40;
 constexpr size_t state_width = 10;
 
-std::string number(double value, const char* unit) {
-    char text[64];
-    const int decimals = value < 9.95 ? 2 : value < 99.5 ? 1 : 0;
-    snprintf(text, sizeof(text), "%.*f %s", decimals, value, unit);
-    return text;
-}
-
-std::string bit_rate(double bytes_a_second) {
-    const double bits = bytes_a_second * 8;
-    if (bits < 0.5) return "0";
-    if (bits < 999.5) return std::to_string(std::lround(bits)) + " bit/s";
-    if (bits < 999.5e3) return number(bits / 1e3, "kbit/s");
-    return bits < 999.5e6 ? number(bits / 1e6, "Mbit/s") : number(bits / 1e9, "Gbit/s");
-}
-
 std::string byte_count(uint64_t bytes) {
     const double value = static_cast<double>(bytes);
     if (bytes < 1000) return std::to_string(bytes) + " B";
-    return value < 999.5e3 ? number(value / 1e3, "kB") : number(value / 1e6, "MB");
-}
-
-std::string round_trip(const path_sample_t& path) {
-    const bool known = path.rtt_us != 0 && path.state != "DEAD" && path.state != "CONNECTING";
-    return known ? number(static_cast<double>(path.rtt_us) / 1000, "ms") : "-";
-}
-
-std::string percent(double part, const char* format) {
-    char text[32];
-    snprintf(text, sizeof(text), format, part * 100);
-    return text;
+    return value < 999.5e3 ? with_unit(value / 1e3, "kB") : with_unit(value / 1e6, "MB");
 }
 
 std::string duration(double seconds) {
@@ -88,20 +62,19 @@ std::string peer_state(const link_report_t& link, const std::string& name) {
     return found == all.end() ? "-" : shortened(found->state, state_width);
 }
 
+// A cell and the space before it; a negative width: from the left.
+void add_cell(std::string& out, const std::string& text, int width) {
+    char cell[128];
+    snprintf(cell, sizeof(cell), "%*s", width, text.c_str());
+    out += cell;
+}
+
 void add_row(std::string& out, const link_report_t& link, const path_report_t& path, int name_width, bool with_peer) {
-    const auto add = [&out](const std::string& text, int width) {
-        char cell[128];
-        snprintf(cell, sizeof(cell), "%*s", width, text.c_str());
-        out += cell;
-    };
-    add("  " + shortened(path.sample.name, longest_name), -name_width - 2);
-    add("  " + shortened(path.sample.state, state_width), -12);
-    if (with_peer) add("  " + peer_state(link, path.sample.name), -13);
-    add(round_trip(path.sample), 11);
-    add(bit_rate(path.down), 14);
-    add(bit_rate(path.up), 14);
-    add(percent(path.loss, "%.1f %%"), 9);
-    add(percent(path.share, "%.0f %%"), 8);
+    add_cell(out, "  " + shortened(path.sample.name, longest_name), -name_width - 2);
+    add_cell(out, "  " + shortened(path.sample.state, state_width), -12);
+    if (with_peer) add_cell(out, "  " + peer_state(link, path.sample.name), -13);
+    for (const path_column_t& column : path_columns())
+        if (column.heading != nullptr) add_cell(out, column.text(path), column.width);
     out += '\n';
 }
 
@@ -110,15 +83,18 @@ void add_link(std::string& out, const link_report_t& link, watch_role_t role) {
     if (server) out += "client " + std::to_string(link.sample.number) + " ";
     out += shortened(link.sample.label, longest_label) + ": connected " + duration(link.age) + ", down " +
            bit_rate(link.down) + ", up " + bit_rate(link.up) + ", " + queue_text(link) + "\n";
-    size_t width = 4;
+    size_t longest = 4;
     for (const path_report_t& path : link.paths)
-        width = std::max(width, std::min(path.sample.name.size(), longest_name));
-    char head[160];
-    snprintf(head, sizeof(head), "  %-*s  %-10s%s%11s%14s%14s%9s%8s\n", static_cast<int>(width), "PATH", "STATE",
-             server ? "  AT CLIENT  " : "", "ROUND TRIP", "DOWN", "UP", "LOSS", "SHARE");
-    out += head;
+        longest = std::max(longest, std::min(path.sample.name.size(), longest_name));
+    const int width = static_cast<int>(longest);
+    add_cell(out, "  PATH", -width - 2);
+    add_cell(out, "  STATE", -12);
+    if (server) add_cell(out, "  AT CLIENT", -13);
+    for (const path_column_t& column : path_columns())
+        if (column.heading != nullptr) add_cell(out, column.heading, column.width);
+    out += '\n';
     for (const path_report_t& path : link.paths)
-        add_row(out, link, path, static_cast<int>(width), server);
+        add_row(out, link, path, width, server);
 }
 
 }  // namespace

@@ -2,68 +2,49 @@
 #ifndef TANDEM_TESTS_CONTEXT_FIXTURE_H
 #define TANDEM_TESTS_CONTEXT_FIXTURE_H
 
-#include <gtest/gtest.h>
-
-#include <cstdarg>
-#include <functional>
-
 #include "context/default_connection_context.h"
 #include "link/link.h"
 #include "tests/fake/fake_platform.h"
+#include "tests/fake/frames.h"
 
-// Frames, as a peer writes them.
-inline std::string frame(const std::string& body) {
-    EXPECT_LT(body.size(), 64u);
-    return static_cast<char>(body.size()) + body;
-}
+using fake::end_of_stream;
+using fake::frame;
+using fake::marker;
+using fake::printed;
+using fake::text;
+using strings = std::vector<std::string>;
 
-inline const std::string marker = "\x03\xA2TC";
-
-__attribute__((format(printf, 1, 2))) inline std::string text(const char* format, ...) {
-    char buffer[512];
-    va_list arguments;
-    va_start(arguments, format);
-    std::vsnprintf(buffer, sizeof(buffer), format, arguments);
-    va_end(arguments);
-    return buffer;
-}
-
-inline std::string printed(const std::function<void()>& during) {
-    testing::internal::CaptureStdout();
-    during();
-    return testing::internal::GetCapturedStdout();
-}
+inline const std::string acknowledged = frame(std::string("\xA4HSAK\x81\xA1r\0", 9));
 
 // Opens what derived classes see, and writes down what is called.
 class probe_t : public tandem::default_connection_context_t {
+    using base = default_connection_context_t;
+    using packet_ptr = std::shared_ptr<tandem::packet_t>;
+
   public:
-    probe_t() : default_connection_context_t("I", "C", "T", "M") {}
+    probe_t() : base("I", "C", "T", "M") {}
 
-    using default_connection_context_t::alpn;
-    using default_connection_context_t::closed;
-    using default_connection_context_t::connection;
-    using default_connection_context_t::control_stream_id;
-    using default_connection_context_t::is_server;
-    using default_connection_context_t::local_paths;
-    using default_connection_context_t::max_frame_length;
-    using default_connection_context_t::peer_paths;
-    using default_connection_context_t::pending;
-    using default_connection_context_t::status_interval;
-    using default_connection_context_t::status_timer;
-    using default_connection_context_t::writable_handler_;
+    using base::alpn;
+    using base::connection;
+    using base::control_stream_id;
+    using base::is_server;
+    using base::local_paths;
+    using base::max_frame_length;
+    using base::peer_paths;
+    using base::pending;
+    using base::status_interval;
+    using base::writable_handler_;
 
-    std::shared_ptr<tandem::packet_t> on_received_stream_packet(uint64_t stream_id,
-                                                                std::shared_ptr<tandem::packet_t> packet, bool skip,
-                                                                int fin, bool& handled) override {
+    packet_ptr on_received_stream_packet(uint64_t stream_id, packet_ptr packet, bool skip, int fin,
+                                         bool& handled) override {
         EXPECT_FALSE(handled);
-        log.push_back(describe("stream", stream_id, *packet, skip, fin));
+        note("stream", stream_id, *packet, skip, fin);
         return on_packet ? on_packet() : nullptr;
     }
-    std::shared_ptr<tandem::packet_t> on_received_control_packet(uint64_t stream_id,
-                                                                 std::shared_ptr<tandem::packet_t> packet, bool skip,
-                                                                 int fin, bool& handled) override {
-        if (log_control) log.push_back(describe("control", stream_id, *packet, skip, fin));
-        auto reply = default_connection_context_t::on_received_control_packet(stream_id, packet, skip, fin, handled);
+    packet_ptr on_received_control_packet(uint64_t stream_id, packet_ptr packet, bool skip, int fin,
+                                          bool& handled) override {
+        if (log_control) note("control", stream_id, *packet, skip, fin);
+        auto reply = base::on_received_control_packet(stream_id, packet, skip, fin, handled);
         was_handled = handled;
         return reply;
     }
@@ -81,34 +62,31 @@ class probe_t : public tandem::default_connection_context_t {
     void on_destroy() override { log.push_back("on_destroy"); }
     void internal_cleanup() override {
         log.push_back("internal_cleanup");
-        default_connection_context_t::internal_cleanup();
+        base::internal_cleanup();
     }
     void stop_status_timer() override {
         log.push_back("stop_status_timer");
-        default_connection_context_t::stop_status_timer();
+        base::stop_status_timer();
     }
     void on_transport_calculate(uint64_t a, uint64_t b, uint64_t c, uint64_t d, uint64_t e) override {
-        log.push_back(text("statistics %d %d %d %d %d", static_cast<int>(a), static_cast<int>(b), static_cast<int>(c),
-                           static_cast<int>(d), static_cast<int>(e)));
+        for (const uint64_t value : {a, b, c, d, e})
+            log.push_back("statistics " + std::to_string(value));
     }
 
-    std::vector<std::string> take_log() { return std::exchange(log, {}); }
+    strings take_log() { return std::exchange(log, {}); }
 
-    std::vector<std::string> log;
+    strings log;
     bool log_control = false;
     bool was_handled = false;
-    std::function<std::shared_ptr<tandem::packet_t>()> on_packet;
+    std::function<packet_ptr()> on_packet;
     bool accept = true;
     int code = 0;
     std::string message;
 
   private:
-    std::string describe(const char* kind, uint64_t stream_id, const tandem::packet_t& packet, bool skip,
-                         int fin) const {
-        const auto* data = reinterpret_cast<const char*>(packet.data());
-        return text("%s %d [%.*s]%s%s +%u", kind, static_cast<int>(stream_id),
-                    data != nullptr ? static_cast<int>(packet.size()) : 0, data != nullptr ? data : "",
-                    skip ? " skip" : "", fin != 0 ? " fin" : "", delivery_remaining_);
+    void note(const char* kind, uint64_t stream_id, const tandem::packet_t& packet, bool skip, int fin) {
+        log.push_back(std::string(kind) + " " + std::to_string(stream_id) + " [" + fake::body_of(packet) + "]" +
+                      (skip ? " skip" : "") + (fin != 0 ? " fin" : "") + " +" + std::to_string(delivery_remaining_));
     }
 };
 
@@ -120,25 +98,34 @@ class linked : public testing::Test {
         options_.server_host = "host";
         link_.register_connection_context_factory([this](void*, void*, const std::string& alpn) {
             factory_alpns_.push_back(alpn);
-            probe_ = std::make_shared<probe_t>();
-            return probe_;
+            return probe_ = std::make_shared<probe_t>();
         });
     }
-
-    // Established, with both markers exchanged.
-    void connect() {
+    // Established on this side only.
+    void establish() {
         ASSERT_EQ(link_.create(options_, loop_.handle()), 0);
         connection_ = fake::connect("tndm");
         fake::establish(connection_);
+    }
+    // Established, with both markers exchanged.
+    void connect() {
+        establish();
         peer_control_ = options_.is_server != 0 ? 0 : 1;
         fake::deliver(connection_, peer_control_, marker);
         probe_->take_log();
         fake::clear_calls();
     }
+    void authorise() {
+        connect();
+        fake::deliver(connection_, 1, acknowledged);
+        ASSERT_EQ(timers(), 1u);
+        fake::clear_calls();
+    }
+    size_t timers() const { return loop_.count(fake::watcher_t::timer); }
 
     tandem::options_t options_;
     fake::loop_t loop_;
-    std::vector<std::string> factory_alpns_;
+    strings factory_alpns_;
     std::shared_ptr<probe_t> probe_;
     tandem::link_t link_;
     fake::connection_t* connection_ = nullptr;

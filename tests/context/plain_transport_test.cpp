@@ -1,7 +1,4 @@
-// A transport without the further functions: the link does without them.
 #include "tests/context/fixture.h"
-
-namespace {
 
 TEST_F(linked, runs_over_a_transport_without_the_further_functions) {
     ASSERT_FALSE(tndm_set_writable_callback != nullptr);
@@ -9,7 +6,4 @@ TEST_F(linked, runs_over_a_transport_without_the_further_functions) {
     connect();
     fake::deliver(connection_, 5, frame("x"));
     EXPECT_EQ(probe_->take_log(), std::vector<std::string>{"stream 5 [x] +0"});
-    link_.destroy();
 }
-
-}  // namespace

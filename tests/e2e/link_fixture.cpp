@@ -4,8 +4,6 @@
 
 #include <algorithm>
 
-#include "tests/e2e/network.h"
-
 namespace tandem::test {
 
 std::string program() {
@@ -51,21 +49,12 @@ process_t link_fixture_t::start_server(const std::vector<std::string>& before) c
 
 std::vector<std::string> link_fixture_t::client_args(uint16_t target_port, const std::string& host,
                                                      const std::vector<std::string>& paths) const {
-    std::vector<std::string> args = {program(),
-                                     "client",
-                                     host + ":" + std::to_string(port_),
-                                     "--secret",
-                                     secret_,
-                                     "--trust",
-                                     pin_,
-                                     "--tcp",
-                                     "0=127.0.0.1:" + std::to_string(target_port),
-                                     "--log",
-                                     scratch_.path("client.log")};
-    for (const std::string& path : paths) {
-        args.push_back("--path");
-        args.push_back(path);
-    }
+    std::vector<std::string> args = {program(), "client", host + ":" + std::to_string(port_)};
+    const std::string forward = "0=127.0.0.1:" + std::to_string(target_port);
+    args.insert(args.end(), {"--secret", secret_, "--trust", pin_, "--tcp", forward});
+    args.insert(args.end(), {"--log", scratch_.path("client.log")});
+    for (const std::string& path : paths)
+        args.insert(args.end(), {"--path", path});
     return args;
 }
 
@@ -78,6 +67,16 @@ uint16_t wait_forward(process_t& client) {
     const std::string line = client.wait_line(prefix);
     EXPECT_NE(line, "") << client.errors();
     return line.empty() ? uint16_t{0} : static_cast<uint16_t>(std::stoul(line.substr(prefix.size())));
+}
+
+running_t::running_t(service_t::handler_t handler)
+    : service(std::move(handler)), server(link.start_server()), client(link.client_args(service.port())) {
+    port = wait_forward(client);
+}
+
+running_t::~running_t() {
+    client.end();
+    server.end();
 }
 
 std::vector<std::string> with(std::vector<std::string> args, const std::string& option, const std::string& value) {

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/e2e/network.h"
 #include "tests/e2e/process.h"
 
 namespace tandem::test {
@@ -30,8 +31,6 @@ class link_fixture_t {
     std::vector<std::string> client_args(uint16_t target_port) const;
     std::vector<std::string> server_args() const;
 
-    // Changes what the next commands use.
-    void use_port(uint16_t port) { port_ = port; }
     uint16_t port() const { return port_; }
     const std::string& pin() const { return pin_; }
     const scratch_t& scratch() const { return scratch_; }
@@ -45,6 +44,18 @@ class link_fixture_t {
 
 // Waits until the client says that it forwards, and tells its local port; 0 when that does not come.
 uint16_t wait_forward(process_t& client);
+
+// A server, and a client with two paths that forwards to one service. Both end cleanly.
+struct running_t {
+    explicit running_t(service_t::handler_t handler = echo);
+    ~running_t();
+
+    link_fixture_t link;
+    service_t service;
+    process_t server;
+    process_t client;
+    uint16_t port = 0;
+};
 
 // `args` with the value of `option` replaced.
 std::vector<std::string> with(std::vector<std::string> args, const std::string& option, const std::string& value);

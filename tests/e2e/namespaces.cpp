@@ -53,10 +53,10 @@ void namespaces_t::make_link(const std::string& number) const {
     ip("-n " + client_ + " rule add from " + net + "0/24 table 10" + number);
     add_routes(number);
     // The server's address is reached over both links, so neither end may insist on the way that it would take itself.
-    run({"ip", "netns", "exec", client_, "sh", "-c",
-         "for f in /proc/sys/net/ipv4/conf/*/rp_filter; do echo 0 >$f; done"});
-    run({"ip", "netns", "exec", server_, "sh", "-c",
-         "for f in /proc/sys/net/ipv4/conf/*/rp_filter; do echo 0 >$f; done"});
+    for (const std::string& name : {client_, server_}) {
+        run({"ip", "netns", "exec", name, "sh", "-c",
+             "for f in /proc/sys/net/ipv4/conf/*/rp_filter; do echo 0 >$f; done"});
+    }
 }
 
 // For what is bound to the link's address, and for what is bound to the link.
@@ -67,15 +67,17 @@ void namespaces_t::add_routes(const std::string& number) const {
 }
 
 void namespaces_t::swallow(int link) {
-    const std::string number = std::to_string(link);
-    ip("-n " + client_ + " rule add iif c" + number + " blackhole pref 1");
-    ip("-n " + server_ + " rule add iif s" + number + " blackhole pref 1");
+    blackhole("add", link);
 }
 
 void namespaces_t::carry(int link) {
+    blackhole("del", link);
+}
+
+void namespaces_t::blackhole(const std::string& change, int link) const {
     const std::string number = std::to_string(link);
-    ip("-n " + client_ + " rule del iif c" + number + " blackhole pref 1");
-    ip("-n " + server_ + " rule del iif s" + number + " blackhole pref 1");
+    ip("-n " + client_ + " rule " + change + " iif c" + number + " blackhole pref 1");
+    ip("-n " + server_ + " rule " + change + " iif s" + number + " blackhole pref 1");
 }
 
 void namespaces_t::take_down(int link) {
@@ -102,10 +104,8 @@ void namespaces_t::change_address(int link, int host) {
 void namespaces_t::limit(int link, int mbit) {
     const std::string number = std::to_string(link);
     const std::string how = " root tbf rate " + std::to_string(mbit) + "mbit burst 64kb latency 30ms";
-    for (const std::string& end : {client_ + " dev c" + number, server_ + " dev s" + number}) {
-        const size_t space = end.find(' ');
-        run({"sh", "-c", "tc -n " + end.substr(0, space) + " qdisc add" + end.substr(space) + how});
-    }
+    run({"sh", "-c", "tc -n " + client_ + " qdisc add dev c" + number + how});
+    run({"sh", "-c", "tc -n " + server_ + " qdisc add dev s" + number + how});
 }
 
 void namespaces_t::run_inside(const std::string& name, const std::function<void()>& action) {

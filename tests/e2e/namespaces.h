@@ -41,6 +41,7 @@ class namespaces_t {
     static void run_inside(const std::string& name, const std::function<void()>& action);
     void make_link(const std::string& number) const;
     void add_routes(const std::string& number) const;
+    void blackhole(const std::string& change, int link) const;
 
     std::map<int, int> hosts_;  // link -> last number of the client's address, unless it is 2
     std::string client_;

@@ -8,7 +8,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <stdexcept>
@@ -41,26 +40,6 @@ uint16_t port_of(int fd) {
     socklen_t length = sizeof(address);
     getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length);
     return ntohs(address.sin_port);
-}
-
-// `room` says how many more bytes may go.
-bool send_pattern(int fd, uint64_t seed, const std::function<uint64_t()>& room) {
-    pattern_t pattern(seed);
-    std::vector<uint8_t> buffer(piece);
-    while (const uint64_t bytes = room()) {
-        buffer.resize(std::min<uint64_t>(bytes, piece));
-        pattern.fill(buffer);
-        if (!write_all(fd, buffer.data(), buffer.size())) return false;
-    }
-    return shutdown(fd, SHUT_WR) == 0;
-}
-
-bool send_pattern(int fd, uint64_t seed, uint64_t bytes) {
-    return send_pattern(fd, seed, [bytes]() mutable {
-        const uint64_t now = std::min<uint64_t>(bytes, piece);
-        bytes -= now;
-        return now;
-    });
 }
 
 }  // namespace
@@ -190,75 +169,51 @@ void echo(int fd) {
     read_to_end(fd);
 }
 
-void answer_after_end(int fd) {
-    uint64_t bytes = 0;
-    if (!read_all(fd, &bytes, sizeof(bytes)) || read_to_end(fd) != 0) return;
-    send_pattern(fd, 7, bytes);
-}
-
-namespace {
-
-// Compares what returns with the pattern until the end; `progress` hears the total after each piece.
-std::string compare_to_end(int fd, uint64_t seed, uint64_t& total,
-                           const std::function<void(uint64_t before)>& progress) {
+std::string exchange(int fd, uint64_t seed, const std::function<uint64_t()>& room,
+                     const std::function<void(uint64_t total)>& progress) {
+    uint64_t sent = 0, total = 0;
+    bool ended = false;
+    std::thread sender([&] {
+        pattern_t pattern(seed);
+        std::vector<uint8_t> out;
+        while (const uint64_t bytes = room()) {
+            out.resize(std::min<uint64_t>(bytes, piece));
+            pattern.fill(out);
+            if (!write_all(fd, out.data(), out.size())) return;
+            sent += out.size();
+        }
+        ended = shutdown(fd, SHUT_WR) == 0;
+    });
+    std::string fault;
     pattern_t pattern(seed);
     std::vector<uint8_t> buffer(piece);
-    for (;;) {
-        const ssize_t got = recv(fd, buffer.data(), buffer.size(), 0);
-        if (got == 0) return "";
-        if (got < 0) return "failed after " + std::to_string(total) + " bytes: " + strerror(errno);
-        const uint64_t before = total;
-        for (ssize_t i = 0; i < got; ++i, ++total) {
-            if (buffer[static_cast<size_t>(i)] != pattern.next()) return "differs at byte " + std::to_string(total);
+    for (ssize_t got; fault.empty() && (got = recv(fd, buffer.data(), buffer.size(), 0)) != 0;) {
+        if (got < 0) fault = "failed after " + std::to_string(total) + " bytes: " + strerror(errno);
+        for (ssize_t i = 0; i < got && fault.empty(); ++i, ++total) {
+            if (buffer[static_cast<size_t>(i)] != pattern.next()) fault = "differs at byte " + std::to_string(total);
         }
-        progress(before);
+        progress(total);
     }
-}
-
-}  // namespace
-
-std::string exchange(int fd, uint64_t seed, uint64_t bytes, const std::function<void()>& at_quarter,
-                     const std::function<void()>& at_half) {
-    std::atomic<bool> sent{false};
-    std::thread sender([&] { sent = send_pattern(fd, seed, bytes); });
-    uint64_t total = 0;
-    std::string fault = compare_to_end(fd, seed, total, [&](uint64_t before) {
-        if (at_quarter && before < bytes / 4 && total >= bytes / 4) at_quarter();
-        if (at_half && before < bytes / 2 && total >= bytes / 2) at_half();
-    });
-    if (fault.empty() && total != bytes)
-        fault = "ended after " + std::to_string(total) + " of " + std::to_string(bytes) + " bytes";
-    if (!fault.empty()) shutdown(fd, SHUT_RDWR);
-    sender.join();
-    if (fault.empty() && !sent) fault = "sending failed";
-    return fault;
-}
-
-std::string exchange_while(int fd, uint64_t seed, const std::function<bool()>& more,
-                           std::chrono::steady_clock::duration& longest_pause) {
-    using clock = std::chrono::steady_clock;
-    std::atomic<uint64_t> sent{0};
-    std::atomic<bool> ended{false};
-    std::thread sender([&] {
-        ended = send_pattern(fd, seed, [&] {
-            const uint64_t now = more() ? piece : 0;
-            sent += now;
-            return now;
-        });
-    });
-    uint64_t total = 0;
-    clock::time_point last = clock::now();
-    longest_pause = {};
-    std::string fault = compare_to_end(fd, seed, total, [&](uint64_t) {
-        const auto now = clock::now();
-        longest_pause = std::max(longest_pause, now - last);
-        last = now;
-    });
     if (!fault.empty()) shutdown(fd, SHUT_RDWR);
     sender.join();
     if (fault.empty() && (!ended || total != sent))
         fault = "ended after " + std::to_string(total) + " of " + std::to_string(sent) + " bytes";
     return fault;
+}
+
+std::string exchange(int fd, uint64_t seed, uint64_t bytes, const std::function<void()>& at_quarter,
+                     const std::function<void()>& at_half) {
+    const auto room = [left = bytes]() mutable {
+        const uint64_t now = std::min<uint64_t>(left, piece);
+        left -= now;
+        return now;
+    };
+    uint64_t before = 0;
+    return exchange(fd, seed, room, [&](uint64_t total) {
+        if (at_quarter && before < bytes / 4 && total >= bytes / 4) at_quarter();
+        if (at_half && before < bytes / 2 && total >= bytes / 2) at_half();
+        before = total;
+    });
 }
 
 }  // namespace tandem::test

@@ -62,16 +62,13 @@ class service_t {
 
 // Sends back what comes; ends its direction when the other one has ended.
 void echo(int fd);
-// Reads a number of 8 bytes (this machine's byte order) and the end of the stream, and only then sends that many bytes
-// of pattern 7.
-void answer_after_end(int fd);
 
-// Sends `bytes` of a pattern to an echo service, ends that direction, and compares what returns, end of stream
-// included. `at_quarter` is called once when a quarter is back, `at_half` when half is. Empty when all is well, else
-// what is wrong.
-// The same for as long as `more` says so (asked on another thread); `longest_pause` is of what returns.
-std::string exchange_while(int fd, uint64_t seed, const std::function<bool()>& more,
-                           std::chrono::steady_clock::duration& longest_pause);
+// Sends a pattern to an echo service, `room()` bytes more each time until that is 0 (asked on another thread), ends
+// that direction, and compares what returns, end of stream included; `progress` hears the total after each piece. Empty
+// when all is well, else what is wrong.
+std::string exchange(int fd, uint64_t seed, const std::function<uint64_t()>& room,
+                     const std::function<void(uint64_t total)>& progress);
+// The same with so many bytes; `at_quarter` is called once when a quarter is back, `at_half` when half is.
 std::string exchange(int fd, uint64_t seed, uint64_t bytes, const std::function<void()>& at_quarter = {},
                      const std::function<void()>& at_half = {});
 

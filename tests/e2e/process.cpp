@@ -96,11 +96,6 @@ bool process_t::wait_error(const std::string& part, std::chrono::milliseconds li
     return comes_true([&] { return errors().find(part) != std::string::npos; }, limit);
 }
 
-size_t process_t::descriptors() const {
-    const std::filesystem::directory_iterator open("/proc/" + std::to_string(pid_) + "/fd");
-    return static_cast<size_t>(std::distance(open, {}));
-}
-
 void process_t::signal(int number) const {
     if (!ended_) kill(pid_, number);
 }
@@ -113,6 +108,11 @@ int process_t::wait(std::chrono::milliseconds limit) {
         ended_ = true;
     }
     return WIFEXITED(status_) ? WEXITSTATUS(status_) : -WTERMSIG(status_);
+}
+
+void process_t::end() {
+    signal(SIGTERM);
+    EXPECT_EQ(wait(), 0) << errors();
 }
 
 std::string process_t::rest_of_output() {

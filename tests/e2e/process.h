@@ -32,12 +32,12 @@ class process_t {
     void signal(int number) const;
     // The exit code, -N for an end by signal N, or -1000 when it does not end in time.
     int wait(std::chrono::milliseconds limit = patience);
+    // Ends it by SIGTERM, as it should: with code 0.
+    void end();
     // Everything on standard output that wait_line has not taken, after the end.
     std::string rest_of_output();
     // What is on standard error so far.
     std::string errors() const;
-    // How many descriptors it has open.
-    size_t descriptors() const;
 
   private:
     bool read_more(std::chrono::steady_clock::time_point deadline);

@@ -1,41 +1,29 @@
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/socket.h>
+
+#include <list>
 
 #include "tests/e2e/link_fixture.h"
-#include "tests/e2e/network.h"
 
 namespace tandem::test {
 namespace {
 
-// Ends the server by `signal` under a client with an open connection, starts it again, and expects the client to use
-// the same forward.
-void restart_server(int signal) {
-    const link_fixture_t link;
-    const service_t service(echo);
-    process_t server = link.start_server();
-    process_t client(link.client_args(service.port()));
-    const uint16_t port = wait_forward(client);
-    const app::file_t open = connect_tcp(port);
-    char byte = 'x';
-    ASSERT_TRUE(write_all(open.fd(), &byte, 1) && read_all(open.fd(), &byte, 1));
-
-    server.signal(signal);
-    EXPECT_EQ(server.wait(), signal == SIGKILL ? -SIGKILL : 0);
-    process_t second = link.start_server();
-    ASSERT_EQ(client.wait_line("reconnected"), "reconnected") << client.errors();
-    EXPECT_FALSE(read_all(open.fd(), &byte, 1)) << "a connection does not survive its link";
-    EXPECT_EQ(exchange(connect_tcp(port).fd(), 3, 1 << 20), "");
-    client.signal(SIGINT);
-    EXPECT_EQ(client.wait(), 0);
-}
-
-TEST(reconnect, after_a_server_that_was_killed) {
-    restart_server(SIGKILL);
-}
-
-TEST(reconnect, after_a_server_that_ended_cleanly) {
-    restart_server(SIGTERM);
+// A server that ended cleanly, and one that was killed, under a client with an open connection.
+TEST(reconnect, the_client_finds_its_server_again_and_keeps_its_forward) {
+    running_t running;
+    std::list<process_t> later;
+    for (const int signal : {SIGTERM, SIGKILL}) {
+        const app::file_t open = connect_tcp(running.port);
+        char byte = 'x';
+        ASSERT_TRUE(write_all(open.fd(), &byte, 1) && read_all(open.fd(), &byte, 1));
+        process_t& server = later.empty() ? running.server : later.back();
+        server.signal(signal);
+        EXPECT_EQ(server.wait(), signal == SIGKILL ? -SIGKILL : 0);
+        later.push_back(running.link.start_server());
+        ASSERT_EQ(running.client.wait_line("reconnected"), "reconnected") << running.client.errors();
+        EXPECT_FALSE(read_all(open.fd(), &byte, 1)) << "a connection does not survive its link";
+        EXPECT_EQ(exchange(connect_tcp(running.port).fd(), 3, 1 << 20), "");
+    }
 }
 
 TEST(reconnect, a_client_waits_for_its_server_and_connections_wait_with_it) {
@@ -54,14 +42,10 @@ TEST(reconnect, a_client_waits_for_its_server_and_connections_wait_with_it) {
 }
 
 TEST(reconnect, a_second_client_does_not_disturb_the_first) {
-    const link_fixture_t link;
-    const service_t service(echo);
-    process_t server = link.start_server();
-    process_t first(link.client_args(service.port()));
-    const uint16_t first_port = wait_forward(first);
-    const app::file_t open = connect_tcp(first_port);
+    const running_t first;
+    const app::file_t open = connect_tcp(first.port);
     {
-        process_t second(link.client_args(service.port()));
+        process_t second(first.link.client_args(first.service.port()));
         EXPECT_EQ(exchange(connect_tcp(wait_forward(second)).fd(), 5, 100'000), "");
     }
     EXPECT_EQ(exchange(open.fd(), 6, 1 << 20), "");

@@ -1,5 +1,4 @@
 #include <gtest/gtest.h>
-#include <signal.h>
 
 #include "tests/e2e/link_fixture.h"
 #include "tests/e2e/namespaces.h"
@@ -49,8 +48,7 @@ TEST(watch, a_path_is_dead_until_its_next_subflow_which_counts_on) {
     EXPECT_GT(sent, 2000U);
     nets.bring_up(1);
     ASSERT_TRUE(wait_state("CONNECTED"));
-    client.signal(SIGTERM);
-    EXPECT_EQ(client.wait(), 0) << client.errors();
+    client.end();
     EXPECT_EQ(client.wait_line("forwarding"), "") << "only objects on standard output";
 }
 

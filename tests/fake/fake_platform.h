@@ -17,6 +17,7 @@
 #include <cstdint>
 #include <list>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -31,7 +32,7 @@ struct watcher_t {
     enum kind_t { io, timer, async } kind;
     void* user = nullptr;
     bool started = false;
-    int sends = 0;  // async: not dispatched yet
+    bool sent = false;  // async: not dispatched yet
     int fd = -1;
     int events = 0;
     uint64_t delay = 0;   // microseconds
@@ -42,13 +43,19 @@ struct watcher_t {
 };
 
 // `run` dispatches sent asyncs until the loop is broken; timers and descriptors are fired by hand.
-class loop_t {
+class loop_t : public st_tloop_t {
   public:
     loop_t();
     loop_t(const loop_t&) = delete;
     loop_t& operator=(const loop_t&) = delete;
 
-    st_tloop_t* handle() { return &base_.tloop; }
+    st_tloop_t* handle() { return this; }
+    // As from one of the loop's callbacks: with its lock.
+    template <typename action_t>
+    auto hold(action_t action) {
+        const std::lock_guard lock(section_);
+        return action();
+    }
 
     // Each returns how many callbacks ran. Call them on the loop's thread.
     int fire_timers();
@@ -58,24 +65,18 @@ class loop_t {
     int poll_io(int timeout_ms);
 
     // Watchers that exist, to see whether any is left behind.
-    size_t count(watcher_t::kind_t kind) const;
+    size_t count(watcher_t::kind_t kind) const { return watchers(kind).size(); }
     std::vector<watcher_t> watchers(watcher_t::kind_t kind) const;
-    bool broken() const;
+    bool broken() const { return broken_; }
 
   private:
-    struct base_t {
-        st_tloop_t tloop;  // first, so that a handle is the address of its loop's base
-        loop_t* self;
-    };
     friend struct loop_ops;
 
-    watcher_t* find_locked(void* handle);
-    void* add(const watcher_t& watcher);
-    void remove(void* watcher);
-    void run();
+    watcher_t* find(void* handle);
+    template <typename match_t, typename call_t>
+    int fire(match_t match, call_t call);
 
-    base_t base_;
-    mutable std::recursive_mutex section_;  // enter and leave
+    mutable std::recursive_mutex section_;  // enter and leave; guards all below
     std::condition_variable_any changed_;
     std::list<watcher_t> watchers_;
     bool broken_ = false;
@@ -98,8 +99,6 @@ struct instance_t {
     st_tndm_instance_t record = {};
     st_tndm_server_t server = {};
     st_tndm_client_t client = {};
-    std::string host;
-    uint16_t port = 0;
     tndm_writable_cb on_writable = nullptr;
     tndm_problem_cb on_problem = nullptr;
 };
@@ -107,14 +106,13 @@ struct instance_t {
 struct connection_t {
     instance_t* instance = nullptr;
     std::string alpn;
-    bool deleted = false;  // by tndm_delete_connection
+    bool deleted = false;  // or disconnected
     int deletions = 0;
     uint64_t next_stream = 0;
     std::map<uint64_t, stream_t> streams;
     uint64_t bytes_queued = 0;
     uint64_t data_sent = 0;
     std::vector<st_tndm_path_info_t> paths;
-    int keep_alives = 0;
     std::string peer_address = "192.0.2.1";
 };
 
@@ -151,6 +149,9 @@ void fire_writable(connection_t* connection, uint64_t stream_id);
 stream_t stream(connection_t* connection, uint64_t stream_id);
 std::string sent(connection_t* connection, uint64_t stream_id);
 void set_backlog(connection_t* connection, uint64_t stream_id, uint64_t bytes);
+
+// The loops of tloop_create.
+st_tloop_t* add_made_loop();
 
 }  // namespace fake
 

@@ -4,32 +4,7 @@
 namespace forward_test {
 namespace {
 
-using detail = tandem::advanced_connection_context_t;
-
-class datagrams : public forward_fixture {
-  protected:
-    void SetUp() override {
-        fake::reset();
-        make([](context_t& made) { made.set_delivery(tandem::delivery_t::lossless); });
-    }
-    int udp_forward(unsigned short& port) {
-        port = 0;
-        const int fd = context->open_udp_socket("127.0.0.1", &port);
-        context->add_udp_forward(fd, "10.0.0.1", 53, false);
-        settle();
-        return fd;
-    }
-    static int transmit(int fd, const std::string& bytes) {
-        return static_cast<int>(send(fd, bytes.data(), bytes.size(), 0));
-    }
-    static std::string receive_one(int fd) {
-        char buffer[65536];
-        const ssize_t n = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT);
-        return n < 0 ? "nothing" : std::string(buffer, static_cast<size_t>(n));
-    }
-};
-
-const std::string empty_frame(1, '\0');
+using datagrams = lossless_fixture;
 
 TEST_F(datagrams, of_every_size_keep_their_bounds_both_ways) {
     unsigned short port = 0, other_port = 0;
@@ -43,7 +18,7 @@ TEST_F(datagrams, of_every_size_keep_their_bounds_both_ways) {
         ASSERT_EQ(transmit(client, body), static_cast<int>(size));
         expected += frame(body);
     }
-    ASSERT_TRUE(settle_until([&] { return fake::sent(connection, stream_id).ends_with(expected); }));
+    ASSERT_TRUE(settle_until([&] { return sent(stream_id).ends_with(expected); }));
 
     // The same source on another forward is another flow.
     const sockaddr_in to{AF_INET, htons(other_port), {htonl(INADDR_LOOPBACK)}, {}};
@@ -51,13 +26,12 @@ TEST_F(datagrams, of_every_size_keep_their_bounds_both_ways) {
     ASSERT_TRUE(settle_until([&] { return context->udp_peers.size() == 2; }));
     remove(other);
 
-    push(stream_id, frame("one") + empty_frame + frame(std::string(20000, 'e')).substr(0, 100));
-    EXPECT_EQ(receive_one(client), "one");
-    EXPECT_EQ(receive_one(client), "");
-    EXPECT_EQ(receive_one(client), "nothing");
-    push(stream_id, std::string(20000 - 96, 'e') + frame("last"), true);
-    EXPECT_EQ(receive_one(client), std::string(20000, 'e'));
-    EXPECT_EQ(receive_one(client), "last");
+    const std::string large = frame(std::string(20000, 'e'));
+    push(stream_id, frame("one") + end_of_stream + large.substr(0, 100));
+    push(stream_id, large.substr(100) + frame("last"), true);
+    for (const std::string& datagram :
+         {std::string("one"), std::string(), std::string(20000, 'e'), std::string("last")})
+        EXPECT_EQ(receive_one(client), datagram);
     settle();
     EXPECT_TRUE(context->udp_peers.empty());
     EXPECT_EQ(context->forwards.size(), 1u);
@@ -69,19 +43,19 @@ TEST_F(datagrams, wait_for_a_full_stream_and_the_oldest_go_first) {
     const fd_t client = connect_to(port, SOCK_DGRAM);
     const uint64_t stream_id = connection->next_stream;
     ASSERT_EQ(transmit(client, "first"), 5);
-    ASSERT_TRUE(settle_until([&] { return fake::sent(connection, stream_id).ends_with(frame("first")); }));
-    const size_t before = fake::sent(connection, stream_id).size();
+    ASSERT_TRUE(settle_until([&] { return sent(stream_id).ends_with(frame("first")); }));
+    const size_t before = sent(stream_id).size();
     fake::set_backlog(connection, stream_id, 1 << 20);
     for (int i = 0; i < 400; ++i) {
         ASSERT_EQ(transmit(client, std::to_string(1000 + i) + std::string(996, '.')), 1000);
         settle();
     }
-    EXPECT_EQ(fake::sent(connection, stream_id).size(), before);
+    EXPECT_EQ(sent(stream_id).size(), before);
     EXPECT_TRUE(fake::stream(connection, stream_id).writable_requested);
     fake::set_backlog(connection, stream_id, 0);
     context->stream_writable(stream_id);
     settle();
-    const std::string rest = bodies(fake::sent(connection, stream_id).substr(before));
+    const std::string rest = bodies(sent(stream_id, before));
     EXPECT_GT(rest.size(), 150u << 10);
     EXPECT_LT(rest.size(), 256u << 10);
     EXPECT_EQ(rest.substr(rest.size() - 1000, 4), "1399");
@@ -91,21 +65,21 @@ TEST_F(datagrams, wait_for_a_full_stream_and_the_oldest_go_first) {
 TEST_F(datagrams, before_the_socket_exists_are_sent_and_strangers_are_not_heard) {
     unsigned short target_port = 0;
     const fd_t target(context->open_udp_socket("127.0.0.1", &target_port));
-    push(peer_stream, request("UDP", "127.0.0.1", target_port) + frame("early") + empty_frame + frame("bird"));
+    push(peer_stream, request("UDP", "127.0.0.1", target_port) + frame("early") + end_of_stream + frame("bird"));
     ASSERT_TRUE(settle_until([&] { return context->remote_instances.size() == 1; }));
-    sockaddr_storage from{};
+    sockaddr_in from{};
     socklen_t length = sizeof(from);
     char buffer[16];
     ASSERT_EQ(recvfrom(target, buffer, sizeof(buffer), 0, reinterpret_cast<sockaddr*>(&from), &length), 5);
     EXPECT_EQ(receive_one(target), "");
     EXPECT_EQ(receive_one(target), "bird");
 
-    reinterpret_cast<sockaddr_in&>(from).sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    const fd_t stranger = connect_to(ntohs(reinterpret_cast<sockaddr_in&>(from).sin_port), SOCK_DGRAM);
+    const fd_t stranger = connect_to(ntohs(from.sin_port), SOCK_DGRAM);
     ASSERT_EQ(transmit(stranger, "forged"), 6);
+    from.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     ASSERT_EQ(sendto(target, "answer", 6, 0, reinterpret_cast<sockaddr*>(&from), length), 6);
-    ASSERT_TRUE(settle_until([&] { return !fake::sent(connection, peer_stream).empty(); }));
-    EXPECT_EQ(fake::sent(connection, peer_stream), frame("answer"));
+    ASSERT_TRUE(settle_until([&] { return !sent().empty(); }));
+    EXPECT_EQ(sent(), frame("answer"));
 }
 
 TEST_F(datagrams, an_interface_pauses_on_a_full_stream_and_outlives_what_the_kernel_refuses) {
@@ -113,21 +87,21 @@ TEST_F(datagrams, an_interface_pauses_on_a_full_stream_and_outlives_what_the_ker
     const uint64_t stream_id = connection->next_stream;
     context->add_vpn_forward(tun.ours, "", true);
     settle();
-    const size_t request_size = fake::sent(connection, stream_id).size();
+    const size_t request_size = sent(stream_id).size();
     ASSERT_EQ(transmit(tun.theirs, "small"), 5);
     ASSERT_EQ(transmit(tun.theirs, std::string(9000, 'j')), 9000);
     settle();
-    EXPECT_EQ(fake::sent(connection, stream_id).substr(request_size), frame("small") + frame(std::string(9000, 'j')));
+    EXPECT_EQ(sent(stream_id, request_size), frame("small") + frame(std::string(9000, 'j')));
     fake::set_backlog(connection, stream_id, 1 << 20);
-    ASSERT_EQ(transmit(tun.theirs, "a"), 1);
-    settle();
-    ASSERT_EQ(transmit(tun.theirs, "b"), 1);
-    settle();
-    EXPECT_TRUE(fake::sent(connection, stream_id).ends_with(frame("a")));
+    for (const char* body : {"a", "b"}) {
+        ASSERT_EQ(transmit(tun.theirs, body), 1);
+        settle();
+    }
+    EXPECT_TRUE(sent(stream_id).ends_with(frame("a")));
     fake::set_backlog(connection, stream_id, 0);
     context->stream_writable(stream_id);
     settle();
-    EXPECT_TRUE(fake::sent(connection, stream_id).ends_with(frame("b")));
+    EXPECT_TRUE(sent(stream_id).ends_with(frame("b")));
 
     // Longer than the socket takes at all (EMSGSIZE), as a frame that a device cannot use.
     push(stream_id, frame(std::string(900000, 'x')) + frame("good"));
@@ -135,14 +109,14 @@ TEST_F(datagrams, an_interface_pauses_on_a_full_stream_and_outlives_what_the_ker
     EXPECT_EQ(receive_one(tun.theirs), "good");
 
     // The peer gives up: the device is offered again on a new stream.
-    push(stream_id, empty_frame, true);
+    push(stream_id, end_of_stream, true);
     settle();
     EXPECT_TRUE(context->local_instances.empty());
     context->forwards.at(tun.ours)->last_active_us -= 3000000;
     loop.fire_timers();
     settle();
     EXPECT_EQ(context->local_instances.size(), 1u);
-    EXPECT_TRUE(fake::sent(connection, stream_id + 4).find("VPN") != std::string::npos);
+    EXPECT_NE(sent(stream_id + 4).find("VPN"), std::string::npos);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 #include <poll.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -14,11 +15,18 @@
 #include <functional>
 #include <string>
 
-#include "common/varint.h"
 #include "forward/advanced_connection_context.h"
 #include "tests/fake/fake_platform.h"
+#include "tests/fake/frames.h"
 
 namespace forward_test {
+
+using fake::end_of_stream;
+using fake::frame;
+using fake::printed;
+using fake::request;
+
+using options_t = std::multimap<std::string, std::string>;
 
 // The class with its tables in the open, and hooks that a test gives.
 class context_t : public tandem::advanced_connection_context_t {
@@ -35,6 +43,7 @@ class context_t : public tandem::advanced_connection_context_t {
     using base::max_remote_stream_id;
     using base::pending_remote;
     using base::period_check;
+    using base::process_tcp_listen_io_read;
     using base::remote_instances;
     using base::remote_streams;
     using base::table_lock;
@@ -44,18 +53,17 @@ class context_t : public tandem::advanced_connection_context_t {
     int on_create_tcp_connect_socket(uint64_t stream_id, sockaddr_storage* target) override {
         return connect_hook ? connect_hook(stream_id, target) : -1;
     }
-    bool set_if_options(const std::string& ifname, std::multimap<std::string, std::string>& options) override {
+    bool set_if_options(const std::string& ifname, options_t& options) override {
         if (options_hook) options_hook(options);
         return base::set_if_options(ifname, options);
     }
-    int on_create_vpn_interface(uint64_t, std::multimap<std::string, std::string>&, std::string& ifname,
-                                const std::string& mode) override {
+    int on_create_vpn_interface(uint64_t, options_t&, std::string& ifname, const std::string& mode) override {
         return vpn_hook ? vpn_hook(ifname, mode) : -1;
     }
 
     std::function<int(uint64_t, sockaddr_storage*)> connect_hook;
     std::function<int(std::string&, const std::string&)> vpn_hook;
-    std::function<void(std::multimap<std::string, std::string>&)> options_hook;
+    std::function<void(options_t&)> options_hook;
 };
 
 // A descriptor that is closed with its holder.
@@ -83,12 +91,6 @@ inline bool is_open(int fd) {
     return fcntl(fd, F_GETFD) != -1;
 }
 
-inline std::string frame(const std::string& body) {
-    uint8_t header[8];
-    const int length = t_varint_encode(header, sizeof(header), body.size());
-    return std::string(reinterpret_cast<char*>(header), static_cast<size_t>(length)) + body;
-}
-
 // The bodies of whole frames, one after the other.
 inline std::string bodies(const std::string& stream) {
     std::string out;
@@ -99,19 +101,6 @@ inline std::string bodies(const std::string& stream) {
         at += length;
     }
     return out;
-}
-
-inline std::string request(const std::string& type, const std::string& address, uint16_t port) {
-    tandem::packet_t packet(0);
-    packet.pack_string("FWDR", 4);
-    packet.pack_map_raw(3);
-    for (const auto& [key, value] : {std::pair{"ta", address}, {"t", type}}) {
-        packet.pack_string(key, -1);
-        packet.pack_string(value);
-    }
-    packet.pack_string("tp", 2);
-    packet.pack_uint16(port);
-    return frame({reinterpret_cast<char*>(packet.data()), packet.size()});
 }
 
 inline fd_t connect_to(unsigned short port, int type = SOCK_STREAM) {
@@ -140,33 +129,21 @@ class forward_fixture : public testing::Test {
   protected:
     static constexpr uint64_t peer_stream = 101;
 
-    void SetUp() override {
+    explicit forward_fixture(tandem::delivery_t delivery = tandem::delivery_t::classic) {
         fake::reset();
-        make(nullptr);
-    }
-    // A new context; `configure` runs before it is bound.
-    void make(const std::function<void(context_t&)>& configure) {
-        context.reset();
         auto* instance = fake::make_instance(true);
         connection = fake::connect("test", instance);
         context = std::make_shared<context_t>(loop.handle());
-        if (configure) configure(*context);
+        context->set_delivery(delivery);
         context->reset(instance, connection, loop.handle(), 0, "test");
-        push(99, std::string("\x03\xa2TC"));
+        push(99, fake::marker);
         fake::clear_calls();
     }
-    // As from one of the loop's callbacks: with the loop's lock.
-    template <typename action_t>
-    auto on_loop(action_t action) {
-        loop.handle()->ops->enter(loop.handle());
-        const std::shared_ptr<void> leave(nullptr, [this](void*) { loop.handle()->ops->leave(loop.handle()); });
-        return action();
-    }
     int remove(int handle) {
-        return on_loop([&] { return context->remove_forward(handle); });
+        return loop.hold([&] { return context->remove_forward(handle); });
     }
     void push(uint64_t stream_id, const std::string& bytes, bool fin = false) {
-        on_loop([&] {
+        loop.hold([&] {
             context->push_stream_data(stream_id, reinterpret_cast<const uint8_t*>(bytes.data()),
                                       static_cast<uint32_t>(bytes.size()), fin ? 1 : 0);
         });
@@ -179,13 +156,12 @@ class forward_fixture : public testing::Test {
     // Runs the loop until `done`, at most ten seconds.
     template <typename predicate_t>
     bool settle_until(predicate_t done) {
-        for (int i = 0; i < 1000; ++i) {
+        for (const auto limit = std::chrono::steady_clock::now() + std::chrono::seconds(10);;) {
             settle();
             if (done()) return true;
-            loop.poll_io(5);
+            if (std::chrono::steady_clock::now() > limit) return false;
             poll(nullptr, 0, 5);
         }
-        return false;
     }
     // A TCP listener on loopback under a forward.
     int listen_forward(unsigned short& port, bool keep_open = false) {
@@ -203,6 +179,14 @@ class forward_fixture : public testing::Test {
         EXPECT_TRUE(settle_until([&] { return context->local_streams.contains(stream_id); }));
         return client;
     }
+    // A UDP socket on loopback under a forward.
+    int udp_forward(unsigned short& port) {
+        port = 0;
+        const int fd = context->open_udp_socket("127.0.0.1", &port);
+        context->add_udp_forward(fd, "10.0.0.1", 53, false);
+        settle();
+        return fd;
+    }
     // A remote instance over one end of a socket pair, opened by the peer's request.
     socket_pair_t open_remote(uint64_t stream_id = peer_stream, const std::string& more = "", bool fin = false) {
         socket_pair_t sockets;
@@ -212,34 +196,57 @@ class forward_fixture : public testing::Test {
         EXPECT_TRUE(settle_until([&] { return !context->pending_remote.contains(stream_id); }));
         return sockets;
     }
+    static void without_descriptors(const std::function<void()>& action) {
+        rlimit before{};
+        getrlimit(RLIMIT_NOFILE, &before);
+        rlimit none = before;
+        none.rlim_cur = 0;
+        setrlimit(RLIMIT_NOFILE, &none);
+        action();
+        setrlimit(RLIMIT_NOFILE, &before);
+    }
     bool tables_empty() const {
         return context->forwards.empty() && context->local_instances.empty() && context->udp_peers.empty() &&
                context->local_streams.empty() && context->remote_instances.empty() && context->remote_streams.empty() &&
                context->pending_remote.empty();
     }
-    // What a socket has to read just now; "EOF" or an error's text for its end.
-    static std::string read_all(int fd, std::string* end = nullptr) {
+    static int transmit(int fd, const std::string& bytes) {
+        return static_cast<int>(send(fd, bytes.data(), bytes.size(), 0));
+    }
+    static std::string receive_one(int fd) {
+        char buffer[65536];
+        const ssize_t n = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT);
+        return n < 0 ? "nothing" : std::string(buffer, static_cast<size_t>(n));
+    }
+    // The part of what was sent on a stream behind its first `from` bytes.
+    std::string sent(uint64_t stream_id = peer_stream, size_t from = 0) const {
+        return fake::sent(connection, stream_id).substr(from);
+    }
+    bool is_ended(uint64_t stream_id = peer_stream) const { return fake::stream(connection, stream_id).fin; }
+    // What a socket has to read just now; behind it "<EOF>" or an error's text, if that is its end.
+    static std::string read_all(int fd) {
         std::string out;
         char buffer[65536];
-        for (;;) {
-            const ssize_t n = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT);
-            if (n > 0) {
-                out.append(buffer, static_cast<size_t>(n));
-                continue;
-            }
-            if (end) *end = n == 0 ? "EOF" : errno == EAGAIN ? "" : strerror(errno);
-            return out;
-        }
+        ssize_t n;
+        while ((n = recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0)
+            out.append(buffer, static_cast<size_t>(n));
+        return out + (n == 0 ? "<EOF>" : errno == EAGAIN ? "" : strerror(errno));
     }
-    static std::string end_of(int fd) {
-        std::string end;
-        read_all(fd, &end);
-        return end;
+    // Reads until as much as `expected` has come, running the loop; whether it is the same.
+    bool receives(int fd, const std::string& expected) {
+        std::string got;
+        settle_until([&] { return (got += read_all(fd)).size() >= expected.size(); });
+        return got == expected;
     }
 
     fake::loop_t loop;
     fake::connection_t* connection = nullptr;
     std::shared_ptr<context_t> context;
+};
+
+class lossless_fixture : public forward_fixture {
+  protected:
+    lossless_fixture() : forward_fixture(tandem::delivery_t::lossless) {}
 };
 
 }  // namespace forward_test

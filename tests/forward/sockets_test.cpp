@@ -7,33 +7,32 @@ namespace forward_test {
 namespace {
 
 using sockets = forward_fixture;
-using options_t = std::multimap<std::string, std::string>;
 
 bool is_nonblocking(int fd) {
     return (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0;
 }
 
-TEST_F(sockets, listeners_report_their_port_and_take_names_for_interfaces) {
-    unsigned short port = 0;
+TEST_F(sockets, report_their_port_take_names_for_interfaces_and_connect) {
+    unsigned short port = 0, udp_port = 0, port6 = 0;
     const fd_t listener(context->open_tcp_listen_socket("127.0.0.1", &port));
-    ASSERT_GE(listener, 0);
-    EXPECT_NE(port, 0);
-    EXPECT_TRUE(is_nonblocking(listener));
+    EXPECT_TRUE(listener >= 0 && is_nonblocking(listener) && port != 0);
     EXPECT_EQ(context->open_tcp_listen_socket("127.0.0.1", &port), -1);
-
-    unsigned short udp_port = 0;
-    testing::internal::CaptureStdout();
-    const fd_t by_name(context->open_udp_socket("eth-none", &udp_port));
-    fflush(stdout);
-    EXPECT_EQ(
-        testing::internal::GetCapturedStdout(),
-        "[open_udp_socket:1572]Open UDP Socket - Optimized socket sender receive buffer to 524288\n"
-        "[open_udp_socket:1605]Open UDP Socket - WARNING! Failed to bind to specified net interface (eth-none)\n");
-    EXPECT_TRUE(by_name >= 0 && is_nonblocking(by_name) && udp_port != 0);
-
-    unsigned short port6 = 0;
+    const fd_t client(context->open_tcp_connect_socket("127.0.0.1", port));
+    EXPECT_TRUE(client >= 0 && is_nonblocking(client));
     const fd_t ipv6(context->open_tcp_listen_socket("[*]", &port6));
     EXPECT_TRUE(ipv6 < 0 || port6 != 0);
+
+    EXPECT_EQ(printed([&] {
+                  const fd_t by_name(context->open_udp_socket("eth-none", &udp_port));
+                  EXPECT_TRUE(by_name >= 0 && is_nonblocking(by_name) && udp_port != 0);
+                  EXPECT_EQ(context->open_tcp_connect_socket(nullptr), -1);
+                  std::string ifname;
+                  EXPECT_EQ(context->open_tuntap_vpn("/dev/does-not-exist", ifname, "tun"), -1);
+              }),
+              "[open_udp_socket:1572]Open UDP Socket - Optimized socket sender receive buffer to 524288\n"
+              "[open_udp_socket:1605]Open UDP Socket - WARNING! Failed to bind to specified net interface (eth-none)\n"
+              "[open_tcp_connect_socket:1495]Open TCP Connect Socket - ERROR! Invalid socket address.\n"
+              "[open_tuntap_vpn:1623]Open TUN/TAP VPN - ERROR! Failed to open device (/dev/does-not-exist)\n");
 }
 
 TEST_F(sockets, no_two_of_the_systems_choice_share_a_port_where_nothing_may_get_lost) {
@@ -45,21 +44,6 @@ TEST_F(sockets, no_two_of_the_systems_choice_share_a_port_where_nothing_may_get_
         ASSERT_GE(open.emplace_back(context->open_udp_socket("127.0.0.1", &port)), 0);
         EXPECT_TRUE(ports.insert(port).second) << port;
     }
-}
-
-TEST_F(sockets, connecting_and_its_failures) {
-    unsigned short port = 0;
-    const fd_t listener(context->open_tcp_listen_socket("127.0.0.1", &port));
-    const fd_t client(context->open_tcp_connect_socket("127.0.0.1", port));
-    EXPECT_TRUE(client >= 0 && is_nonblocking(client));
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(context->open_tcp_connect_socket(nullptr), -1);
-    std::string ifname;
-    EXPECT_EQ(context->open_tuntap_vpn("/dev/does-not-exist", ifname, "tun"), -1);
-    fflush(stdout);
-    EXPECT_EQ(testing::internal::GetCapturedStdout(),
-              "[open_tcp_connect_socket:1495]Open TCP Connect Socket - ERROR! Invalid socket address.\n"
-              "[open_tuntap_vpn:1623]Open TUN/TAP VPN - ERROR! Failed to open device (/dev/does-not-exist)\n");
 }
 
 TEST_F(sockets, option_texts) {

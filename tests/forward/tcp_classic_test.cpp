@@ -1,6 +1,4 @@
 // TCP with classic delivery, and the dispatch of packets.
-#include <sys/resource.h>
-
 #include "tests/forward/forward_fixture.h"
 
 namespace forward_test {
@@ -9,24 +7,22 @@ namespace {
 using tcp_classic = forward_fixture;
 using detail = tandem::advanced_connection_context_t;
 
-const std::string end_of_stream(1, '\0');
-
 TEST_F(tcp_classic, bytes_go_both_ways_and_an_end_of_file_ends_the_stream) {
     unsigned short port = 0;
     uint64_t stream_id = 0;
     listen_forward(port);
     const fd_t client = accept_client(port, stream_id);
-    const std::string request_frame = fake::sent(connection, stream_id);
-    ASSERT_EQ(send(client, "hello", 5, 0), 5);
-    ASSERT_TRUE(settle_until([&] { return fake::sent(connection, stream_id) == request_frame + "\x05hello"; }));
+    const size_t request_size = sent(stream_id).size();
+    ASSERT_EQ(transmit(client, "hello"), 5);
+    ASSERT_TRUE(settle_until([&] { return sent(stream_id, request_size) == frame("hello"); }));
     push(stream_id, frame("world") + frame("!"));
     settle();
     EXPECT_EQ(read_all(client), "world!");
     shutdown(client, SHUT_WR);
     ASSERT_TRUE(settle_until([&] { return context->local_streams.empty(); }));
-    EXPECT_TRUE(fake::sent(connection, stream_id).ends_with("\x05hello" + end_of_stream));
-    EXPECT_TRUE(fake::stream(connection, stream_id).fin);
-    EXPECT_EQ(end_of(client), "EOF");
+    EXPECT_EQ(sent(stream_id, request_size), frame("hello") + end_of_stream);
+    EXPECT_TRUE(is_ended(stream_id));
+    EXPECT_EQ(read_all(client), "<EOF>");
     EXPECT_TRUE(context->local_instances.empty());
 }
 
@@ -37,9 +33,7 @@ TEST_F(tcp_classic, the_end_of_the_stream_discards_what_waits) {
     settle();
     push(peer_stream, frame("discarded"), true);
     settle();
-    std::string end;
-    EXPECT_EQ(read_all(sockets.theirs, &end), "written");
-    EXPECT_EQ(end, "EOF");
+    EXPECT_EQ(read_all(sockets.theirs), "written<EOF>");
     EXPECT_TRUE(tables_empty());
 }
 
@@ -48,45 +42,35 @@ TEST_F(tcp_classic, an_end_alone_closes_the_instance_and_is_answered) {
     socket_pair_t sockets = open_remote();
     push(peer_stream, end_of_stream, true);
     EXPECT_EQ(context->remote_streams.at(peer_stream)->state, detail::STATE_TO_CLOSE);
-    EXPECT_TRUE(fake::stream(connection, peer_stream).fin);
+    EXPECT_TRUE(is_ended());
     settle();
     EXPECT_TRUE(tables_empty());
-    EXPECT_EQ(end_of(sockets.theirs), "EOF");
+    EXPECT_EQ(read_all(sockets.theirs), "<EOF>");
 
     // Broken framing, and a stream that nobody knows: an answer only.
     socket_pair_t other = open_remote(peer_stream + 4);
     push(peer_stream + 4, end_of_stream);
     push(peer_stream + 4, "x");
-    EXPECT_TRUE(fake::stream(connection, peer_stream + 4).fin);
+    EXPECT_TRUE(is_ended(peer_stream + 4));
     EXPECT_EQ(context->remote_streams.at(peer_stream + 4)->state, detail::STATE_OPEN);
     push(peer_stream + 8, end_of_stream, true);
-    EXPECT_TRUE(fake::stream(connection, peer_stream + 8).fin);
+    EXPECT_TRUE(is_ended(peer_stream + 8));
 }
 
 TEST_F(tcp_classic, the_rest_of_a_short_write_is_dropped) {
     socket_pair_t sockets = open_remote();
     const std::string big(4 << 20, 'b');
     push(peer_stream, frame(big) + frame("tail"));
-    settle();
     std::string got;
-    for (int i = 0; i < 1000 && !got.ends_with("tail"); ++i) {
-        got += read_all(sockets.theirs);
-        settle();
-    }
-    EXPECT_TRUE(got.ends_with("tail"));
+    EXPECT_TRUE(settle_until([&] { return (got += read_all(sockets.theirs)).ends_with("tail"); }));
     EXPECT_LT(got.size(), big.size());
 }
 
 TEST_F(tcp_classic, only_a_request_as_first_packet_makes_an_instance) {
-    push(peer_stream, frame("\xA4"
-                            "FWD") +
-                          frame("\xA4HSRQ") +
-                          frame("\xA4"
-                                "FWDR") +
-                          frame("\xA4"
-                                "FWDR\x01"));
+    const std::string tag = "\xA4" + std::string("FWD");
+    push(peer_stream, frame(tag) + frame("\xA4HSRQ") + frame(tag + "R") + frame(tag + "R\x01"));
     EXPECT_EQ(context->max_remote_stream_id, peer_stream);
-    EXPECT_FALSE(fake::stream(connection, peer_stream).fin);
+    EXPECT_FALSE(is_ended());
     EXPECT_TRUE(tables_empty());
 
     context->connect_hook = [](uint64_t, sockaddr_storage*) { return -1; };
@@ -114,28 +98,20 @@ TEST_F(tcp_classic, data_of_a_closed_instance_is_never_taken_for_a_request) {
 
 TEST_F(tcp_classic, running_out_of_descriptors_closes_the_forward) {
     unsigned short port = 0;
-    listen_forward(port);
+    const int fd = listen_forward(port);
     const fd_t client = connect_to(port);
-    rlimit before{};
-    getrlimit(RLIMIT_NOFILE, &before);
-    rlimit none = before;
-    none.rlim_cur = 0;
-    setrlimit(RLIMIT_NOFILE, &none);
-    loop.fire_io(context->forwards.begin()->first, TLOOP_IO_READ);
-    setrlimit(RLIMIT_NOFILE, &before);
+    without_descriptors([&] { loop.fire_io(fd, TLOOP_IO_READ); });
     EXPECT_TRUE(context->forwards.empty());
 }
 
 // A hook that gives a descriptor which an instance still holds: the new instance has it.
 TEST_F(tcp_classic, a_descriptor_given_twice_has_one_holder) {
     socket_pair_t sockets = open_remote();
-    const int fd = context->remote_instances.begin()->first;
     push(peer_stream + 4, request("TCP", "127.0.0.1", 80));
     ASSERT_TRUE(settle_until([&] { return context->pending_remote.empty(); }));
     settle();
     EXPECT_EQ(context->remote_streams.size(), 1u);
     EXPECT_EQ(loop.count(fake::watcher_t::io), 2u);
-    EXPECT_TRUE(is_open(fd));
     push(peer_stream + 4, frame("to the new one"));
     settle();
     EXPECT_EQ(read_all(sockets.theirs), "to the new one");
