@@ -41,15 +41,5 @@ TEST(reconnect, a_client_waits_for_its_server_and_connections_wait_with_it) {
     EXPECT_EQ(count_lines(client.errors()), 1U) << "told once, however often it tried: " << client.errors();
 }
 
-TEST(reconnect, a_second_client_does_not_disturb_the_first) {
-    const running_t first;
-    const app::file_t open = connect_tcp(first.port);
-    {
-        process_t second(first.link.client_args(first.service.port()));
-        EXPECT_EQ(exchange(connect_tcp(wait_forward(second)).fd(), 5, 100'000), "");
-    }
-    EXPECT_EQ(exchange(open.fd(), 6, 1 << 20), "");
-}
-
 }  // namespace
 }  // namespace tandem::test

@@ -265,29 +265,10 @@ TEST_F(gateway, a_lent_listener_leads_to_the_newest_connection_of_its_client) {
     EXPECT_EQ(io_count(), 0U);
 }
 
-TEST_F(gateway, a_client_opens_its_forwards_once_authorised_and_again_after_a_loss) {
-    const app::listener_t listener({"127.0.0.1", 0});
-    connect_client(listener);
-    loop.fire_asyncs();
-    EXPECT_EQ(loop.count(fake::watcher_t::io), 0U) << "nothing is accepted before the server has answered";
-
-    for (int round = 1; round <= 2; ++round) {
-        fake::deliver(connection, peer_control, answer(0, ""));
-        loop.fire_asyncs();
-        EXPECT_EQ(authorized, round);
-        ASSERT_EQ(loop.count(fake::watcher_t::io), 1U);
-        EXPECT_EQ(loop.watchers(fake::watcher_t::io)[0].fd, listener.socket.fd());
-        fake::disconnect(connection);
-        EXPECT_EQ(lost, round);
-        EXPECT_EQ(loop.count(fake::watcher_t::io), 0U);
-        EXPECT_NE(fcntl(listener.socket.fd(), F_GETFD), -1) << "the socket stays open between connections";
-        next_connection();
-    }
-}
-
 TEST_F(gateway, a_client_that_is_refused_or_not_answered_opens_nothing) {
     const app::listener_t listener({"127.0.0.1", 0});
     connect_client(listener);
+    EXPECT_EQ(loop.count(fake::watcher_t::io), 0U) << "nothing is accepted before the server has answered";
     fake::deliver(connection, peer_control, answer(7, "no"));
     loop.fire_asyncs();
     EXPECT_EQ(refused, 7);
