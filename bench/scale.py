@@ -14,11 +14,13 @@ import statistics
 import subprocess
 import sys
 import tempfile
+import time
 
 import tunnels
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 ALPN = "tndm"
+REST_SECONDS = 60
 
 
 def arguments():
@@ -82,9 +84,23 @@ def cpu_seconds(process):
     return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
 
 
-def busy(caller, count, chosen):
-    """Median Mbit/s, and the last run's answer."""
-    runs = [caller.ask("busy", count, chosen.seconds) for _ in range(chosen.rounds)]
+def come_to_rest(tandem):
+    """Seconds until the tunnel has carried what the closed connections of a crowd had under way."""
+    start = time.monotonic()
+    while time.monotonic() - start < REST_SECONDS:
+        before = sum(cpu_seconds(process) for process in tandem.processes)
+        time.sleep(0.5)
+        if sum(cpu_seconds(process) for process in tandem.processes) - before < 0.05:
+            break
+    return time.monotonic() - start
+
+
+def busy(caller, count, chosen, tandem=None):
+    """Median Mbit/s, and the last run's answer. With `tandem`, a run begins when what the one before left behind is gone."""
+    runs = []
+    for _ in range(chosen.rounds):
+        runs.append(caller.ask("busy", count, chosen.seconds))
+        runs[-1]["rest"] = come_to_rest(tandem) if tandem else 0
     return statistics.median(run["mbit"] for run in runs), runs[-1]
 
 
@@ -102,13 +118,13 @@ def crowd(tandem, chosen):
                   f"{(two - one) / chosen.idle:.2f} KiB a connection")
         print(f"  one byte over each of them, there and back: {caller.ask('ping', chosen.idle)['seconds']:.2f} s")
         beside, _ = busy(caller, 1, chosen)
-        many, last = busy(caller, chosen.busy, chosen)
+        many, last = busy(caller, chosen.busy, chosen, tandem)
         full = [resident_kib(process) for process in tandem.processes]
         print(f"goodput of one connection alone {single:.0f} Mbit/s; beside the idle ones {beside:.0f}; of {chosen.busy} beside "
               f"them {many:.0f}: {many / single:.2f} of one (target 0.8)")
         print(f"  of those, the slowest got {last['least_kib']:.0f} KiB, the fastest {last['most_kib']:.0f} KiB; "
               f"all had begun after {last['started']:.1f} s; memory {full[0] / 1024:.0f} MiB at the server, "
-              f"{full[1] / 1024:.0f} MiB at the client")
+              f"{full[1] / 1024:.0f} MiB at the client; at rest {last['rest']:.1f} s after they were closed")
         print(f"  the idle ones afterwards: {caller.ask('ping', chosen.idle)['seconds']:.2f} s there and back")
 
 
