@@ -11,6 +11,9 @@ die() {
     exit 2
 }
 
+for tool in apt-get dpkg-deb; do
+    command -v $tool >/dev/null || die "this needs Debian's $tool"
+done
 [ $# -ge 2 ] || die "usage: sysroot.sh DIR PACKAGE..."
 keyring=/usr/share/keyrings/debian-archive-keyring.gpg
 directory=$(realpath -m "$1")
@@ -29,8 +32,16 @@ complete() {
 # with may lag behind, and one archive whose files stay for the life of the release is less that can fail.
 mirror() {
     # shellcheck disable=SC2016 # the words are apt's
-    apt-get indextargets --format '$(CODENAME) $(COMPONENT) $(REPO_URI)' 'Created-By: Packages' |
+    apt-get "${@:2}" indextargets --format '$(CODENAME) $(COMPONENT) $(REPO_URI)' 'Created-By: Packages' |
         awk -v release="$1" '$1 == release && $2 == "main" { print $3; exit }'
+}
+
+# apt knows its mirrors only by their lists, which images of containers come without.
+mirror_by_fresh_lists() {
+    local own=(-o Dir::State::lists="$work/own-lists" -o APT::Sandbox::User= -o Acquire::Retries=3)
+    mkdir -p "$work/own-lists/partial"
+    apt-get -q "${own[@]}" update </dev/null >&2
+    mirror "$1" "${own[@]}"
 }
 
 write_apt_configuration() {
@@ -38,6 +49,7 @@ write_apt_configuration() {
     # shellcheck disable=SC1091
     release=$(. /etc/os-release && printf '%s' "${VERSION_CODENAME:-}")
     uri=$(mirror "$release")
+    [ -n "$uri" ] || uri=$(mirror_by_fresh_lists "$release")
     [ -n "$uri" ] || die "apt knows no mirror of Debian's release '$release'"
     mkdir -p "$work"/{lists,archives}/partial
     : >"$work/status"
@@ -69,6 +81,7 @@ make_links_relative() {
 }
 
 make_sysroot() {
+    [ -r $keyring ] || die "$keyring is missing (package debian-archive-keyring)"
     write_apt_configuration
     export APT_CONFIG=$work/apt.conf
     apt-get -q update </dev/null
