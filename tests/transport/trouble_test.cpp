@@ -320,8 +320,10 @@ TEST_F(trouble, both_directions_obey_the_options_and_the_schedule) {
     start_over(two_paths, {}, s);
     EXPECT_NE(tndm_set_schedule(client->instance(), "default"), 0) << "it has started";
     download();
+    // How much of it is sent twice before the faster path has it all delivered is a matter of luck; shared, it would
+    // be sent once.
     EXPECT_TRUE(
-        eventually([&] { return sent_by_server("127.0.0.2") > most && sent_by_server("127.0.0.3") > most; }, 5s));
+        eventually([&] { return sent_by_server("127.0.0.2") + sent_by_server("127.0.0.3") > 2'500'000 / scale; }, 5s));
 }
 
 // The server's process is gone without a word and another one is there on the same port, with the same key.
