@@ -129,7 +129,11 @@ void advanced_connection_context_t::cleanup_socket_connection_instance(record_t 
     std::unique_lock guard(inst->lock);
     const uint64_t stream_id = std::exchange(inst->stream_id, no_stream);
     guard.unlock();
-    if (stream_id != no_stream && !inst->flow.read_ended) end_stream(stream_id);
+    if (stream_id == no_stream) return;
+    if (!inst->flow.read_ended) end_stream(stream_id);
+    // A download that was broken off is not carried to its end.
+    const bool unread = lossless() && inst->type == TYPE_TCP && !inst->flow.stream_ended;
+    if (unread && tndm_stop_stream) tndm_stop_stream(transport_.load(), stream_id);
 }
 
 // Drops what waits for the descriptor and takes it out of the record; -1 when it is not to be closed.

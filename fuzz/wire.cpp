@@ -73,6 +73,10 @@ class victim {
             }
             case 6:
                 bundle_->pause(in_.below(64), in_.flag(), now_);
+                if (in_.flag()) {
+                    bundle_->stop(in_.below(64));
+                }
+                bundle_->take_stopped();
                 break;
             case 7:
                 bundle_->queue(in_.below(64), buffer::copy_of(to_bytes(in_.bytes())), in_.flag());

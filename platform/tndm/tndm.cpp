@@ -229,6 +229,10 @@ int tndm_pause_stream(void* connection, uint64_t stream_id, int pause) {
     return tell(connection, {.what = command::kind::pause, .stream = stream_id, .flag = pause != 0}) ? 0 : -1;
 }
 
+int tndm_stop_stream(void* connection, uint64_t stream_id) {
+    return tell(connection, {.what = command::kind::stop, .stream = stream_id}) ? 0 : -1;
+}
+
 int tndm_get_peer_address(void* connection, char* buffer, uint32_t size) {
     const auto of = ledger_of(connection);
     const std::string address = of == nullptr ? std::string() : of->peer_address();

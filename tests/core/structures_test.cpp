@@ -87,6 +87,9 @@ TEST(wire, every_header_reads_back_as_it_was_written) {
         const wire::stream_window grant{number(), number()};
         const auto granted = std::get<wire::stream_window>(wire::decode(wire::header::of(grant).bytes()).value());
         ASSERT_EQ(std::pair(granted.stream, granted.limit), std::pair(grant.stream, grant.limit));
+        const uint64_t stopped = number();
+        ASSERT_EQ(std::get<wire::stop>(wire::decode(wire::header::of(wire::stop{stopped}).bytes()).value()).stream,
+                  stopped);
     }
 }
 

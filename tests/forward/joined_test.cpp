@@ -132,6 +132,22 @@ TEST(joined_contexts, a_reader_that_stalls_bounds_what_is_taken_for_it) {
     EXPECT_EQ(receive_to_end(client), std::pair(std::string("EOF"), taken));
 }
 
+TEST(joined_contexts, carry_a_download_no_further_once_nobody_reads_it) {
+    joined_pair_t pair;
+    fd_t client = connect_to(pair.port);
+    const fd_t accepted(accept(pair.target, nullptr, nullptr));
+    auto down = std::async(std::launch::async, [&] {
+        while (send_all(accepted, std::string(1 << 20, 'd'))) {
+        }
+    });
+    char byte = 0;
+    ASSERT_EQ(recv(client, &byte, 1, MSG_WAITALL), 1);
+    client.reset();
+    EXPECT_EQ(down.wait_for(std::chrono::seconds(20)), std::future_status::ready) << "its sender must learn of it";
+    shutdown(accepted, SHUT_RDWR);
+    EXPECT_TRUE(pair.instances_gone());
+}
+
 TEST(joined_contexts, leave_nothing_behind_after_many_short_connections) {
     joined_pair_t pair;
     size_t before = 0;

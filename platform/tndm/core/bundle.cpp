@@ -65,6 +65,13 @@ void bundle::pause(uint64_t stream_id, bool paused, instant now) {
     }
 }
 
+void bundle::stop(uint64_t stream_id) {
+    stream* s = find(stream_id);
+    if (s != nullptr && s->receives && !s->receive.end_known() && !std::exchange(s->stop_asked, true)) {
+        stops_dirty_.push_back(stream_id);
+    }
+}
+
 bool bundle::drained() const {
     return std::all_of(streams_.begin(), streams_.end(), [](const auto& entry) {
         const stream& s = *entry.second;

@@ -82,6 +82,9 @@ class bundle {
     bool queue(uint64_t stream, buffer&& bytes, bool last);
     // While a stream is paused nothing of it is delivered and the peer gets no new window for it.
     void pause(uint64_t stream, bool paused, instant now);
+    // Nobody reads a stream of the peer any more: the peer learns that it need not send the rest. What comes until then
+    // is delivered all the same.
+    void stop(uint64_t stream);
     // How many streams of a kind (0 both ways, 1 one way) this side may have opened in all.
     uint64_t stream_credit(unsigned kind) const { return local_credit_[kind]; }
     // Everything queued has been acknowledged.
@@ -138,6 +141,9 @@ class bundle {
         uint64_t bytes;  // sent for the first time
     };
     std::vector<progress> take_sent() { return std::exchange(sent_, {}); }
+    // Streams of which the peer reads no more since the last call: queue() fails, and what was unsent is dropped (and
+    // told as progress).
+    std::vector<uint64_t> take_stopped() { return std::exchange(stopped_, {}); }
     // Not empty once the peer has broken the rules: the connection must end.
     const std::string& violation() const { return violation_; }
 
@@ -160,6 +166,7 @@ class bundle {
         bool paused = false;
         bool in_ready = false;
         bool window_dirty = false;
+        bool stop_asked = false;
         unsigned line = nowhere;  // where it stands with bytes never sent
         std::list<stream*>::iterator place;
         uint64_t counted = 0;       // its part of that line's `unsent`
@@ -196,6 +203,8 @@ class bundle {
     void on_frame(const wire::window& frame);
     void on_frame(const wire::stream_window& frame);
     void on_frame(const wire::streams& frame);
+    void on_frame(const wire::stop& frame);
+    stream* find_or_open(uint64_t id);
     void lend_memory(stream& s);
     void make_ready(stream& s);
     bool held_back(const stream& s) const;
@@ -258,6 +267,7 @@ class bundle {
     std::array<uint64_t, 2> peer_credit_;
     std::array<range_set, 2> peer_over_;   // indices (id / 4) of the peer's streams that are over
     std::array<range_set, 2> local_over_;  // likewise of ours, so that late chunks are told from foreign ones
+    std::vector<uint64_t> stopped_;
     std::vector<uint64_t> closed_;
 
     // Receiving.
@@ -275,6 +285,7 @@ class bundle {
     bool window_dirty_ = false;
     std::array<bool, 2> streams_dirty_{};
     std::deque<uint64_t> stream_windows_dirty_;
+    std::deque<uint64_t> stops_dirty_;
 };
 
 }  // namespace tndm::core

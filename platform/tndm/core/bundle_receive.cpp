@@ -52,6 +52,23 @@ void bundle::on_frame(const wire::streams& frame) {
     credit = std::max(credit, frame.count);
 }
 
+// The first stream is not stopped: what the peer must have before anything else is sent whatever it says.
+void bundle::on_frame(const wire::stop& frame) {
+    stream* s = find_or_open(frame.stream);
+    if (s == nullptr || !s->sends || preface_stream_ == s->id) {
+        return;
+    }
+    const bool ended = s->send.finished();
+    const uint64_t dropped = s->send.cut_short();
+    if (ended && dropped == 0) {
+        return;
+    }
+    unsent_total_ -= dropped;
+    sent_.push_back({s->id, dropped});
+    stopped_.push_back(s->id);
+    note_fresh(*s);
+}
+
 void bundle::on_chunk(const wire::chunk& chunk, instant now) {
     if (chunk.first && !accept_preface(*chunk.first)) {
         return;
@@ -94,18 +111,24 @@ void bundle::on_chunk(const wire::chunk& chunk, instant now) {
 
 // The stream that a chunk belongs to; null when the chunk is of a stream that is over, or breaks the rules.
 bundle::stream* bundle::stream_of_chunk(const wire::chunk& chunk) {
-    if (stream* s = find(chunk.stream)) {
-        if (!s->receives) {
-            violate("data on a stream that the peer does not write");
-            return nullptr;
-        }
+    stream* s = find_or_open(chunk.stream);
+    if (s != nullptr && !s->receives) {
+        violate("data on a stream that the peer does not write");
+        return nullptr;
+    }
+    return s;
+}
+
+// The stream that a frame of the peer names; null when it is over, or breaks the rules.
+bundle::stream* bundle::find_or_open(uint64_t id) {
+    if (stream* s = find(id)) {
         return s;
     }
-    const unsigned kind = kind_of(chunk.stream);
-    const uint64_t index = chunk.stream >> 2;
-    if (is_local(chunk.stream)) {
+    const unsigned kind = kind_of(id);
+    const uint64_t index = id >> 2;
+    if (is_local(id)) {
         if (!local_over_[kind].contains(index)) {
-            violate("data on a stream that this side has not opened");
+            violate("a stream that this side has not opened");
         }
         return nullptr;
     }
@@ -116,7 +139,7 @@ bundle::stream* bundle::stream_of_chunk(const wire::chunk& chunk) {
         violate("more streams than granted");
         return nullptr;
     }
-    return &open(chunk.stream);
+    return &open(id);
 }
 
 // Notes which bytes the peer queued before anything else. It cannot change its mind.

@@ -83,6 +83,9 @@ void bundle::requeue(lane& from, transmission& record, instant now) {
                 stream_windows_dirty_.push_back(s->id);
             }
             break;
+        case content::stop:
+            stops_dirty_.push_back(record.stream);
+            break;
         case content::chunk:
             if (stream* s = find(record.stream)) {
                 s->send.requeue(record.part, now);
@@ -155,6 +158,16 @@ std::optional<outgoing> bundle::next_control(size_t room) {
             return out;
         }
         stream_windows_dirty_.pop_front();
+    }
+    while (!stops_dirty_.empty()) {
+        const stream* s = find(stops_dirty_.front());
+        if (s != nullptr && !s->receive.end_known()) {
+            out.record.what = content::stop;
+            out.record.stream = s->id;
+            out.head = wire::header::of(wire::stop{s->id});
+            return out;
+        }
+        stops_dirty_.pop_front();
     }
     return std::nullopt;
 }
@@ -353,7 +366,7 @@ bool bundle::has_more(lane_id id) const {
         return false;
     }
     return window_dirty_ || streams_dirty_[0] || streams_dirty_[1] || !stream_windows_dirty_.empty() ||
-           !resend_.empty() || (fresh_turn(prompt) != nullptr && may_take_fresh(prompt, *l)) ||
+           !stops_dirty_.empty() || !resend_.empty() || (fresh_turn(prompt) != nullptr && may_take_fresh(prompt, *l)) ||
            (fresh_turn(bulk) != nullptr && may_take_fresh(bulk, *l)) || lags_behind(*l);
 }
 
@@ -387,6 +400,9 @@ void bundle::sent(lane_id id, const outgoing& datagram, instant now) {
             if (stream* s = find(record.stream)) {
                 s->window_dirty = false;
             }
+            break;
+        case content::stop:
+            stops_dirty_.pop_front();
             break;
         case content::chunk:
             if (stream* s = find(record.stream)) {

@@ -12,7 +12,7 @@
 
 namespace tndm::core {
 
-enum class content : uint8_t { probe, window, stream_window, streams, chunk };
+enum class content : uint8_t { probe, window, stream_window, streams, stop, chunk };
 
 // in_flight -> resolved                      acknowledged
 // in_flight -> late -> resolved              declared lost, but acknowledged within the hold-off

@@ -29,6 +29,19 @@ void send_stream::queue(buffer&& bytes) {
     end_ += size;
 }
 
+uint64_t send_stream::cut_short() {
+    if (next_ > end_) {
+        return 0;  // the end itself is on its way
+    }
+    const uint64_t dropped = end_ - next_;
+    end_ = next_;
+    finished_ = true;
+    while (!segments_.empty() && segments_.back().begin >= end_) {
+        segments_.pop_back();
+    }
+    return dropped;
+}
+
 bool send_stream::has_fresh(uint64_t room) const {
     return !fresh(1, room).empty();
 }

@@ -36,6 +36,8 @@ class send_stream {
     void queue(buffer&& bytes);
     void finish() { finished_ = true; }
     bool finished() const { return finished_; }
+    // The peer reads no more: what was never sent is dropped and the stream ends here. Returns how many bytes that is.
+    uint64_t cut_short();
 
     void raise_limit(uint64_t limit) { limit_ = limit > limit_ ? limit : limit_; }
 

@@ -8,6 +8,7 @@ constexpr uint8_t type_probe = 0x00;
 constexpr uint8_t type_window = 0x01;
 constexpr uint8_t type_stream_window = 0x02;
 constexpr uint8_t type_streams = 0x03;
+constexpr uint8_t type_stop = 0x04;
 constexpr uint8_t type_chunk = 0x08;
 constexpr uint8_t flag_last = 0x01;
 constexpr uint8_t flag_preface = 0x02;
@@ -95,6 +96,10 @@ std::optional<frame> decode(std::span<const uint8_t> datagram) {
             }
             return whole(in, streams{kind, count});
         }
+        case type_stop: {
+            const uint64_t stream = in.number();
+            return whole(in, stop{stream});
+        }
         case type_chunk:
         case type_chunk | flag_last:
         case type_chunk | flag_preface:
@@ -141,6 +146,13 @@ header header::of(const streams& value) {
     made.bytes_[made.size_++] = type_streams;
     made.put(value.kind);
     made.put(value.count);
+    return made;
+}
+
+header header::of(const stop& value) {
+    header made;
+    made.bytes_[made.size_++] = type_stop;
+    made.put(value.stream);
     return made;
 }
 

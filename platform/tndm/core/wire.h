@@ -4,8 +4,9 @@
 //   probe      = 00 (anything that follows is ignored)
 //   window     = 01 limit              the sum over all streams that the peer may send
 //   stream     = 02 stream limit       the offset up to which the peer may send on a stream
-//   streams    = 03 kind count         how many streams of a kind (0 both ways, 1 one way) the peer may have opened in
-//   all chunk      = 08|flags stream offset [first length] bytes-to-the-end
+//   streams    = 03 kind count         how many streams of a kind (0 both ways, 1 one way) the peer may have opened,
+//   all told stop       = 04 stream             nobody reads the stream any more: the peer need not send the rest chunk
+//   = 08|flags stream offset [first length] bytes-to-the-end
 //                flag 1: these bytes are the last of the stream
 //                flag 2: `length` bytes of stream `first` were queued before this stream and are to be delivered before
 //                it
@@ -37,6 +38,9 @@ struct streams {
     uint64_t kind;
     uint64_t count;
 };
+struct stop {
+    uint64_t stream;
+};
 // "These bytes of that stream come first."
 struct preface {
     uint64_t stream;
@@ -49,7 +53,7 @@ struct chunk {
     std::optional<preface> first;
     std::span<const uint8_t> bytes;  // points into the datagram
 };
-using frame = std::variant<probe, window, stream_window, streams, chunk>;
+using frame = std::variant<probe, window, stream_window, streams, stop, chunk>;
 
 // Nothing when the datagram is not one of ours.
 std::optional<frame> decode(std::span<const uint8_t> datagram);
@@ -63,6 +67,7 @@ class header {
     static header of(const window& value);
     static header of(const stream_window& value);
     static header of(const streams& value);
+    static header of(const stop& value);
     // `value.bytes` is not written.
     static header of(const chunk& value);
 

@@ -79,6 +79,9 @@ void connection::apply(command& asked, core::instant now) {
         case command::kind::pause:
             bundle_.pause(asked.stream, asked.flag, now);
             break;
+        case command::kind::stop:
+            bundle_.stop(asked.stream);
+            break;
         case command::kind::writable:
             writable_.push_back(asked.stream);
             break;
@@ -222,6 +225,9 @@ void connection::flush(const pass& p) {
         for (carrier* lane : carriers_) {
             lane->flush(p);
         }
+    }
+    for (const uint64_t stream : bundle_.take_stopped()) {
+        ledger_->stream_stopped(stream);
     }
     const auto sent = bundle_.take_sent();
     if (!sent.empty()) {

@@ -83,6 +83,13 @@ void ledger::peer_opened(uint64_t stream) {
     }
 }
 
+void ledger::stream_stopped(uint64_t stream) {
+    const std::lock_guard lock(mutex_);
+    if (open_) {
+        streams_[stream].ended = true;
+    }
+}
+
 void ledger::stream_over(uint64_t stream) {
     const std::lock_guard lock(mutex_);
     streams_.erase(stream);

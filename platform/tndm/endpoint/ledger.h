@@ -50,6 +50,8 @@ class ledger {
     void set_credit(unsigned kind, uint64_t count);
     // The peer has opened a stream that this side may write.
     void peer_opened(uint64_t stream);
+    // The peer reads no more of it: it may not be written any more.
+    void stream_stopped(uint64_t stream);
     void stream_over(uint64_t stream);
     // Books what went out; gives the streams that somebody waits for and that have come down far enough.
     std::vector<uint64_t> progress(std::span<const core::bundle::progress> sent);

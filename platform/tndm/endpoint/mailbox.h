@@ -17,6 +17,7 @@ struct command {
     enum class kind {
         queue,             // `bytes` on `stream` of `connection`; `flag`: its end
         pause,             // `stream` of `connection`; `flag`: paused or not
+        stop,              // nobody reads `stream` of `connection` any more
         writable,          // tell that `stream` of `connection` is writable
         close_connection,  // `connection`
         keep_alive,        // `connection`, every `number` milliseconds
