@@ -217,15 +217,23 @@ TEST(joined_contexts, survive_destruction_on_their_own_thread) {
         using context_t::context_t;
     };
     const size_t before = open_descriptors();
-    auto context = std::make_unique<exposed_t>(nullptr);
-    st_tloop_t* const loop = context->loop;
-    const auto destroy = [](st_tloop_t*, void*, void* user) { static_cast<decltype(context)*>(user)->reset(); };
+    struct {
+        std::unique_ptr<exposed_t> context = std::make_unique<exposed_t>(nullptr);
+        std::promise<void> gone;
+    } doomed;
+    st_tloop_t* const loop = doomed.context->loop;
+    const auto destroy = [](st_tloop_t*, void*, void* user) {
+        auto& it = *static_cast<decltype(doomed)*>(user);
+        it.context.reset();
+        it.gone.set_value();
+    };
     // Nobody but its own thread uses the loop from the moment when this lets go of it.
     loop->ops->enter(loop);
-    void* const async = loop->ops->async_create(loop, destroy, &context);
+    void* const async = loop->ops->async_create(loop, destroy, &doomed);
     loop->ops->async_start(loop, async);
     loop->ops->async_send(loop, async);
     loop->ops->leave(loop);
+    doomed.gone.get_future().wait();
     EXPECT_TRUE(eventually([&] { return open_descriptors() == before; }));
 }
 

@@ -120,8 +120,8 @@ TEST_F(streams, a_writer_can_follow_the_backlog) {
 // A paused stream delivers nothing and stops its writer at its window; the others go on; resumed, nothing is missing.
 TEST_F(streams, a_paused_stream_stops_its_writer_and_nobody_else) {
     server = std::make_unique<server_side>();
-    std::atomic<uint64_t> paused{none};
-    server->on_data = [&](void* connection, uint64_t stream, bool, const uint8_t*, uint32_t) {
+    // The server outlives the test's own body.
+    server->on_data = [paused = none](void* connection, uint64_t stream, bool, const uint8_t*, uint32_t) mutable {
         if (paused == none && stream != 2) {
             paused = stream;
             EXPECT_EQ(tndm_pause_stream(connection, stream, 1), 0);
