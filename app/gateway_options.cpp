@@ -27,8 +27,9 @@ uint64_t* find_limit(limits_t& limits, const std::string& name) {
     if (name == "strangers") return &limits.strangers;
     const std::string total = "total-";
     const bool of_all = name.starts_with(total);
+    share_t& share = of_all ? limits.total : limits.client;
     for (const limit_name_t& known : limit_names) {
-        if (name == (of_all ? total : "") + known.name) return &((of_all ? limits.total : limits.client).*known.member);
+        if (name == (of_all ? total : "") + known.name) return &(share.*known.member);
     }
     return nullptr;
 }
@@ -45,7 +46,8 @@ void read_limit(const std::string& text, limits_t& limits) {
     if (error != std::errc() || stop != end || value == 0 || value > (frame ? UINT32_MAX : largest_limit) ||
         (place == nullptr && !frame)) {
         throw bad_value("--limit", text,
-                        "write NAME=NUMBER; names are frame, strangers, streams, connections, opening, rate, queue, "
+                        "write NAME=NUMBER, 1 to 1099511627776 (frame: 4294967295); names are frame, strangers, "
+                        "streams, connections, opening, rate, queue, "
                         "and the last five with total- in front");
     }
     if (frame) {

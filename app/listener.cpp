@@ -65,8 +65,8 @@ listener_t::listener_t(const endpoint_t& address, int type) : where(address) {
     if (!socket || bind(socket.fd(), target.get(), target.length) != 0 ||
         (tcp && listen(socket.fd(), SOMAXCONN) != 0)) {
         const int error = errno;
-        throw failure_t((tcp ? "--tcp: cannot listen on TCP " : "--udp: cannot listen on UDP ") + address.text() +
-                        " (" + strerror(error) + "); " + cure(error));
+        throw failure_t(std::string(tcp ? "cannot listen on TCP " : "cannot listen on UDP ") + address.text() + " (" +
+                        strerror(error) + "); " + cure(error));
     }
     where.port = bound_port(socket.fd());
 }

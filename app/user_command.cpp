@@ -29,6 +29,8 @@ int run_user(const user_command_t& command, FILE* out) {
     if (command.what == user_command_t::add) {
         add_user(command, out);
     } else if (command.what == user_command_t::remove) {
+        user_list_t present;
+        check(read_user_file(command.users_file, present));  // a wrong name makes no file
         check(change_user_file(command.users_file, [&](user_list_t& users) {
             return users.remove(command.id) ? std::string() : "there is no " + command.id + " in " + command.users_file;
         }));

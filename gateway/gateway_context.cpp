@@ -3,10 +3,9 @@
 #include <fcntl.h>
 #include <sys/socket.h>
 
-#include <cstdio>
+#include <cstring>
 #include <utility>
 
-#include "common/log.h"
 #include "gateway/ip_network.h"
 #include "link/tndm.h"
 
@@ -15,15 +14,6 @@ namespace {
 
 // The mark among an interface's options that they have been looked at.
 constexpr const char* admitted = " admitted";
-
-// `reason` may hold what the client has sent.
-void log_refusal(std::string reason) {
-    for (char& c : reason) {
-        if (c < ' ' || c > '~') c = '?';
-    }
-    log_place("on_create_vpn_interface", __LINE__);
-    std::printf("Gateway - VPN interface refused: %.300s\n", reason.c_str());
-}
 
 }  // namespace
 
@@ -57,11 +47,11 @@ std::shared_ptr<packet_t> gateway_context_t::on_received_control_packet(uint64_t
     if (asked_) return break_off("a second message before the first one was answered");
     if (skip || !packet || !read_handshake(*packet, shown)) return break_off("no handshake");
     asked_ = true;
-    client_machine_ = shown.m;
     const std::weak_ptr<gateway_context_t> self = weak_from_this();
-    gateway_->doorkeeper().ask({shown.i, shown.c, shown.t, shown.m}, source(), [self](const verdict_t& verdict) {
-        if (const auto context = self.lock()) context->answer(verdict);
-    });
+    gateway_->doorkeeper().ask({shown.i, shown.c, shown.t, shown.m}, source(),
+                               [self, machine = shown.m](const verdict_t& verdict) {
+                                   if (const auto context = self.lock()) context->answer(verdict, machine);
+                               });
     return nullptr;
 }
 
@@ -71,7 +61,7 @@ std::shared_ptr<packet_t> gateway_context_t::break_off(const char* what) {
     return nullptr;
 }
 
-void gateway_context_t::answer(const verdict_t& verdict) {
+void gateway_context_t::answer(const verdict_t& verdict, const std::string& machine) {
     if (closed != 0) return;
     if (!verdict.admission) {
         refuse(verdict.code == verdict_t::try_later ? refusals_t::attempts : refusals_t::credentials, source());
@@ -79,6 +69,7 @@ void gateway_context_t::answer(const verdict_t& verdict) {
         return;
     }
     admission_ = *verdict.admission;
+    client_machine_ = machine;
     deadline_.cancel();
     stranger_.reset();
     let_in(admission_.client, gateway_->usage_of(admission_.client), gateway_->limits().frame_bytes);
@@ -92,6 +83,7 @@ std::string gateway_context_t::source() const {
     if (tndm_get_peer_address == nullptr || tndm_get_peer_address(connection, text, sizeof(text)) != 0) {
         return "somewhere";
     }
+    text[std::strcspn(text, "%")] = 0;
     auto address = ip_network_t::parse(text);
     if (!address || address->family != AF_INET6) return text;
     address->prefix = 64;
@@ -119,7 +111,7 @@ int gateway_context_t::on_create_vpn_interface(uint64_t, std::multimap<std::stri
         options.emplace(admitted, "");
         return -1;
     }
-    log_refusal(reason);
+    refuse(refusals_t::vpn, reason);
     ifname.clear();
     return open("/dev/null", O_RDWR | O_CLOEXEC);
 }
@@ -128,7 +120,7 @@ bool gateway_context_t::set_if_options(const std::string& ifname, std::multimap<
     if (ifname.empty() || !vpn_host_ || options.erase(admitted) == 0) return false;
     std::string reason;
     if (vpn_host_->set_up(ifname, options, reason)) return true;
-    log_refusal(reason);
+    refuse(refusals_t::vpn, reason);
     return false;
 }
 

@@ -53,7 +53,7 @@ class gateway_context_t : public guarded_context_t, public std::enable_shared_fr
 
   private:
     std::shared_ptr<packet_t> break_off(const char* what);
-    void answer(const verdict_t& verdict);
+    void answer(const verdict_t& verdict, const std::string& machine);
     std::string source() const;
 
     std::shared_ptr<gateway_t> gateway_;

@@ -22,6 +22,7 @@ class refusals_t {
         protocol,
         credentials,
         attempts,
+        vpn,
         kinds
     };
 

@@ -14,7 +14,9 @@ const std::vector<ip_network_t>& guarded_networks() {
     static const std::vector<ip_network_t> networks = [] {
         std::vector<ip_network_t> made;
         for (const char* text : {"0.0.0.0/8", "127.0.0.0/8", "169.254.0.0/16", "224.0.0.0/4", "255.255.255.255",
-                                 "::/127", "fe80::/10", "fec0::/10", "ff00::/8"}) {
+                                 "::/127", "fe80::/10", "fec0::/10", "ff00::/8",
+                                 // IPv4 behind 6to4, Teredo, and translators of a network's own.
+                                 "2002::/16", "2001::/32", "64:ff9b:1::/48", "::ffff:0:0:0/96"}) {
             made.push_back(*ip_network_t::parse(text));
         }
         return made;

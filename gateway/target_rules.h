@@ -29,7 +29,8 @@ struct target_t {
 // Empty lines and those that begin with '#' say nothing. The first rule that matches decides; where there are rules,
 // what none matches is denied.
 //
-// Loopback, link-local, multicast, broadcast and unspecified addresses are denied unless a rule allows an address or
+// Loopback, link-local, multicast, broadcast and unspecified addresses, and IPv6 addresses that tunnel or translate to
+// IPv4 (6to4, Teredo, a network's own translation prefix), are denied unless a rule allows an address or
 // network that lies among them. A rule that allows a name holds for an address behind it only when no later rule for
 // addresses denies that address: whoever answers for the name does not decide where it leads. An IPv6 form of an IPv4
 // address is that IPv4 address.

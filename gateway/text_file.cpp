@@ -53,7 +53,7 @@ bool file_watch_t::is_changed() {
                       now.st_mode == last_.st_mode && now.st_uid == last_.st_uid &&
                       now.st_mtim.tv_sec == last_.st_mtim.tv_sec && now.st_mtim.tv_nsec == last_.st_mtim.tv_nsec;
     last_ = now;
-    return !same;
+    return std::exchange(changing_, !same) && same;
 }
 
 }  // namespace tandem

@@ -39,10 +39,14 @@ std::string check_private(const std::string& path, int fd);
 std::string read_text(const std::string& path, int fd, std::string& text);
 std::string read_text(const std::string& path, std::string& text);
 
-// Tells when a file has become another one, or has other contents. A file that is missing is one too.
+// Tells when a file has become another one, or has other contents, and has rested from one look to the next: half of
+// what somebody is writing is not read. A file that is missing is one too.
 class file_watch_t {
   public:
-    explicit file_watch_t(std::string path) : path_(std::move(path)) { is_changed(); }
+    explicit file_watch_t(std::string path) : path_(std::move(path)) {
+        is_changed();
+        changing_ = false;
+    }
     const std::string& path() const { return path_; }
     // Since the last call, or construction.
     bool is_changed();
@@ -50,6 +54,7 @@ class file_watch_t {
   private:
     std::string path_;
     struct stat last_ {};
+    bool changing_ = false;  // at the last look
 };
 
 }  // namespace tandem

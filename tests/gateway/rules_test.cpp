@@ -36,7 +36,8 @@ TEST(target_rules, the_first_match_decides_and_names_do_not_lead_to_denied_addre
     EXPECT_TRUE(allows(rules, {"bob", "tcp", "WWW.Example.org.", 1}, "203.0.113.1"));
     EXPECT_FALSE(allows(rules, {"bob", "tcp", "example.org", 1}, "203.0.113.1"));
     EXPECT_FALSE(allows(rules, {"bob", "tcp", "badexample.org", 1}, "203.0.113.1"));
-    for (const char* denied : {"192.168.1.1", "127.0.0.1", "::1", "fe80::1", "224.0.0.1", "0.0.0.0", "::"})
+    for (const char* denied :
+         {"192.168.1.1", "127.0.0.1", "::1", "fe80::1", "224.0.0.1", "0.0.0.0", "::", "2002:7f00:1::1"})
         EXPECT_FALSE(allows(rules, {"bob", "tcp", "www.example.org", 1}, denied)) << denied;
     EXPECT_TRUE(allows(rules, {"carol", "udp", "x", 22}, "127.0.0.1"));
     EXPECT_FALSE(allows(rules, {"carol", "udp", "x", 23}, "127.0.0.1")) << "a wide network does not name loopback";
