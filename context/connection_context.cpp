@@ -132,11 +132,14 @@ void connection_context_t::take_packets(uint64_t stream_id, const uint8_t* data,
         if (!complete && accept_empty_frames_ && packet->is_empty_frame() && (fin == 0 || consumed < len)) {
             complete = peer_control_known && stream_id != peer_control_stream_id && stream_id != control_stream_id;
         }
-        if (!complete && consumed == len && fin == 0) {
+        if (!complete && consumed == len && fin == 0 && (!keep_partial_ || keep_partial_(stream_id, packet->size()))) {
             if (found == pending.end()) pending.emplace(stream_id, std::move(packet));
             return;
         }
-        if (found != pending.end()) pending.erase(found);
+        if (found != pending.end()) {
+            pending.erase(found);
+            if (keep_partial_) keep_partial_(stream_id, 0);
+        }
         if (!complete) {
             if (peer_control_known) dispatch(stream_id, packet, true, fin, 0);
             return;

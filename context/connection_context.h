@@ -122,6 +122,9 @@ class TANDEM_API connection_context_t {
     // Whether bytes of a stream, or its end, are taken; otherwise they are dropped. Called on the loop's thread, before
     // anything is kept of them. To be set before data arrive.
     std::function<bool(uint64_t stream_id, int fin)> admit_stream_;
+    // Whether a stream's `bytes` of a frame that is not complete may be kept; otherwise the frame is lost, as one that
+    // is too long is. 0: nothing is kept any more. Called on the loop's thread. To be set before data arrive.
+    std::function<bool(uint64_t stream_id, uint64_t bytes)> keep_partial_;
     // Whether an empty frame that does not end its stream is a packet without bytes. Otherwise it is a framing fault.
     // Never so on control streams. To be set before data arrive.
     bool accept_empty_frames_ = false;

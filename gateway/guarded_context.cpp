@@ -20,11 +20,13 @@ guarded_context_t::guarded_context_t(st_tloop_t* link_loop, const std::string& i
     set_delivery(delivery_t::lossless);
     max_frame_length = stranger_frame;
     admit_stream_ = [this](uint64_t stream_id, int fin) { return admit(stream_id, fin); };
+    keep_partial_ = [this](uint64_t stream_id, uint64_t bytes) { return keep_partial(stream_id, bytes); };
 }
 
 void guarded_context_t::reset(void* new_instance, void* new_connection, st_tloop_t* link_loop, uint64_t interval,
                               const std::string& name) {
     open_.clear();
+    half_frames_.clear();
     seen_.clear();
     first_ = no_stream;
     advanced_connection_context_t::reset(new_instance, new_connection, link_loop, interval, name);
@@ -65,6 +67,13 @@ bool guarded_context_t::admit(uint64_t stream_id, int fin) {
     }
     if (fin != 0) open_.remove(stream_id);
     return true;
+}
+
+// Before the peer is let in there is one stream, and a frame is short.
+bool guarded_context_t::keep_partial(uint64_t stream_id, uint64_t bytes) {
+    if (!is_let_in() || half_frames_.keep(usage_, stream_id, bytes)) return true;
+    refuse(refusals_t::queue_limit);
+    return false;
 }
 
 std::shared_ptr<packet_t> guarded_context_t::on_received_stream_packet(uint64_t stream_id,
@@ -147,6 +156,27 @@ bool guarded_context_t::open_streams_t::add(const std::shared_ptr<usage_t>& usag
 
 void guarded_context_t::open_streams_t::remove(uint64_t id) {
     if (ids_.erase(id) != 0) usage_->give(usage_t::streams);
+}
+
+bool guarded_context_t::half_frames_t::keep(const std::shared_ptr<usage_t>& usage, uint64_t id, uint64_t bytes) {
+    usage_ = usage;
+    const auto known = booked_.find(id);
+    const uint64_t before = known == booked_.end() ? 0 : known->second;
+    if (bytes > before && !usage->take(usage_t::queued_bytes, bytes - before)) return false;
+    if (bytes < before) usage->give(usage_t::queued_bytes, before - bytes);
+    if (bytes != 0) {
+        booked_[id] = bytes;
+    } else if (known != booked_.end()) {
+        booked_.erase(known);
+    }
+    return true;
+}
+
+void guarded_context_t::half_frames_t::clear() {
+    for (const auto& [id, bytes] : booked_) {
+        usage_->give(usage_t::queued_bytes, bytes);
+    }
+    booked_.clear();
 }
 
 void guarded_context_t::open_streams_t::clear() {

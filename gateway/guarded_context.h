@@ -4,6 +4,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_map>
 #include <unordered_set>
 #include <utility>
 #include <vector>
@@ -88,7 +89,20 @@ class guarded_context_t : public advanced_connection_context_t {
         std::unordered_set<uint64_t> ids_;
     };
 
+    // What is booked for frames that are not complete yet. Gives it back.
+    class half_frames_t {
+      public:
+        ~half_frames_t() { clear(); }
+        bool keep(const std::shared_ptr<usage_t>& usage, uint64_t id, uint64_t bytes);
+        void clear();
+
+      private:
+        std::shared_ptr<usage_t> usage_;
+        std::unordered_map<uint64_t, uint64_t> booked_;  // by stream, bytes
+    };
+
     bool admit(uint64_t stream_id, int fin);
+    bool keep_partial(uint64_t stream_id, uint64_t bytes);
     target_t to_target(const request_t& request) const;
 
     const guard_t guard_;
@@ -97,7 +111,8 @@ class guarded_context_t : public advanced_connection_context_t {
     std::shared_ptr<usage_t> usage_;
     uint64_t first_ = no_stream;  // of the peer's streams
     open_streams_t open_;         // the peer's other streams
-    stream_set_t seen_;           // streams of the peer that were open or refused: what follows on them is no request
+    half_frames_t half_frames_;
+    stream_set_t seen_;  // streams of the peer that were open or refused: what follows on them is no request
 };
 
 }  // namespace tandem

@@ -176,8 +176,9 @@ TANDEM_PLATFORM_WEAK uint64_t tndm_get_stream_backlog(void* connection, uint64_t
 TANDEM_PLATFORM_WEAK int tndm_request_writable(void* connection, uint64_t stream_id, uint64_t low_water);
 /* While a stream is paused nothing of it is delivered and its window does not grow. */
 TANDEM_PLATFORM_WEAK int tndm_pause_stream(void* connection, uint64_t stream_id, int pause);
-/* Nobody reads the stream any more: the peer is told that it need not send the rest. Its writes to the stream fail then,
- * what it had not sent yet is dropped, and the stream ends early; what comes until then is delivered all the same. */
+/* Nobody reads the stream any more: the peer is told that it need not send the rest. Its writes to the stream fail
+ * then, what it had not sent yet is dropped, and the stream ends early; what comes until then is delivered all the
+ * same. */
 TANDEM_PLATFORM_WEAK int tndm_stop_stream(void* connection, uint64_t stream_id);
 /* The address of one of the peer's ends of the connection, the first that still is, as a terminated text without a
  * port. 0, or -1 when there is none just now. */

@@ -239,6 +239,10 @@ TEST_F(gateway, a_flood_ends_its_own_streams_at_the_limits) {
     EXPECT_EQ(refusals(refusals_t::queue_limit), 1U);
     EXPECT_TRUE(fake::stream(connection, peer_stream).fin);
     EXPECT_FALSE(fake::stream(connection, peer_stream + 4).fin) << "the others go on";
+    fake::deliver(connection, peer_stream + 4, frame(std::string(8000, 'x')).substr(0, 5000));
+    loop.fire_asyncs();
+    EXPECT_EQ(refusals(refusals_t::queue_limit), 2U) << "half a frame is memory, too";
+    EXPECT_TRUE(fake::stream(connection, peer_stream + 4).fin);
     EXPECT_FALSE(connection->deleted);
 }
 
