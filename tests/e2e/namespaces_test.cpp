@@ -26,11 +26,13 @@ struct apart_t {
         const auto own = link.client_args(service->port(), "10.77.9.1", paths);
         args.insert(args.end(), own.begin(), own.end());
         client.emplace(args);
-        const uint16_t port = wait_forward(*client);
-        nets.at_client([&] { socket = connect_tcp(port); });
+        forwarded_port = wait_forward(*client);
+        nets.at_client([&] { socket = connect_tcp(forwarded_port); });
     }
     ~apart_t() {
-        EXPECT_EQ(client->wait_line("reconnected", std::chrono::milliseconds(0)), "") << "the connection must last";
+        if (!restarted) {
+            EXPECT_EQ(client->wait_line("reconnected", std::chrono::milliseconds(0)), "") << "the connection must last";
+        }
         client->end();
         server->end();
     }
@@ -41,6 +43,8 @@ struct apart_t {
     std::optional<process_t> server;
     std::optional<process_t> client;
     app::file_t socket;
+    uint16_t forwarded_port = 0;
+    bool restarted = false;  // the server, by a test
 };
 
 TEST(two_paths, a_transfer_outlives_either_path_and_an_interface_that_goes_down) {
@@ -97,6 +101,20 @@ void under_load(apart_t& apart, uint64_t seed, std::chrono::milliseconds bound, 
     const auto pause_ms = std::chrono::duration_cast<std::chrono::milliseconds>(pause).count();
     std::printf("longest pause: %lld ms\n", static_cast<long long>(pause_ms));
     EXPECT_LT(pause_ms, bound.count());
+}
+
+TEST(two_paths, a_restarted_server_is_found_again_under_load) {
+    apart_t apart;
+    apart.restarted = true;
+    const auto restart = [&] {
+        apart.server->signal(SIGKILL);
+        EXPECT_EQ(apart.server->wait(), -SIGKILL);
+        apart.server.emplace(apart.link.start_server(apart.nets.in_server()));
+    };
+    EXPECT_NE(exchange(apart.socket.fd(), 8, bulk_bytes, restart), "") << "a connection does not survive its link";
+    ASSERT_EQ(apart.client->wait_line("reconnected"), "reconnected") << apart.client->errors();
+    apart.nets.at_client([&] { apart.socket = connect_tcp(apart.forwarded_port); });
+    EXPECT_EQ(exchange(apart.socket.fd(), 9, bulk_bytes, [&] { apart.nets.swallow(1); }), "");
 }
 
 class named : public ::testing::TestWithParam<std::vector<std::string>> {};
