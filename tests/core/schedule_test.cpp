@@ -77,16 +77,6 @@ TEST_F(schedules, many_small_streams_do_not_starve_bulk) {
     }
 }
 
-TEST_F(schedules, a_transfer_uses_both_paths_and_its_end_waits_for_neither) {
-    start({{.mbit = 80, .delay = 10ms}, {.mbit = 20, .delay = 40ms}}, with_window(300'000));
-    warm_up();
-    send(client(), 4, 20'000'000, true);
-    const duration took = run_until_done(20s);
-    expect_intact();
-    // 20 MB at 100 Mbit/s are 1.6 s; the headers take 4 %.
-    EXPECT_GT(mbit(20'000'000, took), 85);
-}
-
 // The near path answers but takes nothing any more: its window is full of what it will never deliver.
 TEST_F(schedules, a_near_path_that_is_stuck_is_not_waited_for) {
     start({{.mbit = 50, .delay = 5ms}, {.mbit = 50, .delay = 75ms}});

@@ -96,39 +96,6 @@ TEST(server_credentials, failures_name_the_file_and_the_fault) {
     }
 }
 
-TEST(trust, reads_every_form_of_the_text) {
-    const temporary_folder folder;
-    const private_key key;
-    const auto ca = folder.write("ca.pem", certificate(key, {.authority = true}).pem());
-    const std::string pin(64, 'a');
-    const struct {
-        std::string text, name;
-        bool needs_authorities, insecure;
-        size_t files;
-    } cases[] = {
-        {"", "host", true, false, 0},
-        {" ; ;", "host", true, false, 0},
-        {"name:other.test", "other.test", true, false, 0},
-        {"ca:" + ca, "host", true, false, 1},
-        {" ca : " + ca + " ; name : other.test ; ", "other.test", true, false, 1},
-        {"ca:" + ca + ";ca:" + ca, "host", true, false, 2},
-        {"pin:" + pin, "host", false, false, 0},
-        {"pin:" + pin + ";pin:" + std::string(64, 'F') + ";", "host", false, false, 0},
-        {"pin:" + pin + ";ca:" + ca, "host", true, false, 1},
-        {"insecure:yes", "host", false, true, 0},
-        {"name:2001:db8::1;insecure:yes", "2001:db8::1", false, true, 0},
-    };
-    for (const auto& c : cases) {
-        std::string error;
-        const auto result = trust::parse(c.text, "host", error);
-        ASSERT_TRUE(result) << c.text << ": " << error;
-        EXPECT_EQ(result->name(), c.name) << c.text;
-        EXPECT_EQ(result->needs_authorities(), c.needs_authorities) << c.text;
-        EXPECT_EQ(result->insecure(), c.insecure) << c.text;
-        EXPECT_EQ(result->authority_files().size(), c.files) << c.text;
-    }
-}
-
 TEST(trust, refuses_what_it_does_not_understand) {
     const std::string pin(64, 'a');
     const std::pair<std::string, std::string> cases[] = {

@@ -21,10 +21,8 @@ bytes_t random_content(size_t size, uint32_t seed) {
 
 namespace {
 
-identity make_identity() {
+identity make_identity(const std::string& name) {
     static const tndm::temporary_folder folder;
-    static int number = 0;
-    const std::string name = std::to_string(number++);
     const tndm::private_key key;
     const tndm::certificate cert(key, {});
     identity made{folder.write(name + ".crt", cert.pem()), folder.write(name + ".key", key.pem()), {}};
@@ -36,13 +34,12 @@ identity make_identity() {
 }  // namespace
 
 const identity& identity::own() {
-    static const identity made = make_identity();
+    static const identity made = make_identity("own");
     return made;
 }
 
 const identity& identity::other() {
-    own();
-    static const identity made = make_identity();
+    static const identity made = make_identity("other");
     return made;
 }
 
@@ -106,15 +103,22 @@ size_t side::live() {
     });
 }
 
-uint64_t side::open(void* connection, bool one_way) {
-    return tndm_get_next_local_stream_id(connection, one_way);
-}
-
 uint64_t side::send(void* connection, const bytes_t& content, bool fin, bool one_way) {
     const uint64_t stream = open(connection, one_way);
     EXPECT_NE(stream, ~uint64_t{0});
-    EXPECT_EQ(tndm_add_to_stream(connection, stream, content.data(), static_cast<uint32_t>(content.size()), fin), 0);
+    EXPECT_EQ(write(connection, stream, content, fin), 0);
     return stream;
+}
+
+void side::write_pieces(void* connection, uint64_t stream, const bytes_t& content, const std::function<size_t()>& piece,
+                        bool empty_end) {
+    for (size_t at = 0; at < content.size();) {
+        const size_t take = std::min(content.size() - at, piece());
+        const bool last = at + take == content.size() && !empty_end;
+        ASSERT_EQ(tndm_add_to_stream(connection, stream, &content[at], static_cast<uint32_t>(take), last), 0);
+        at += take;
+    }
+    ASSERT_TRUE(!empty_end || write(connection, stream, {}, true) == 0);
 }
 
 std::vector<st_tndm_path_info_t> side::paths(void* connection) const {
@@ -216,11 +220,7 @@ void side::writable_cb(void* instance, void* connection, uint64_t stream) {
 
 void side::problem_cb(void* instance, int code, const char* text) {
     tell(
-        instance, &side::on_problem,
-        [&](side& self) {
-            self.problems.push_back({code, text});
-        },
-        code);
+        instance, &side::on_problem, [&](side& self) { self.problems.emplace_back(code, text); }, code);
 }
 
 // --- the two kinds ---
@@ -240,34 +240,33 @@ server_side::~server_side() {
 
 int server_side::start() {
     st_tndm_server_t record{};
-    record.alpn = settings_.alpn;
+    fill(record);
     record.cert = identity::own().cert.c_str();
     record.key = identity::own().key.c_str();
-    record.on_established = established_cb;
-    record.on_disconnected = disconnected_cb;
-    record.on_data = data_cb;
-    tndm_set_writable_callback(instance(), writable_cb);
     return tndm_start_server(instance(), socket_, &record);
 }
 
 int client_side::start(uint16_t port, const std::string& host) {
     st_tndm_client_t record{};
+    fill(record);
     std::strncpy(record.text, settings_.trust.c_str(), sizeof record.text - 1);
-    record.alpn = settings_.alpn;
     record.param = settings_.linger_seconds;
     record.calculate_param = settings_.statistics_ms;
-    record.on_established = established_cb;
-    record.on_disconnected = disconnected_cb;
-    record.on_data = data_cb;
     record.create_path = create_path_cb;
     record.path_broken = path_broken_cb;
     record.statistics = statistics_cb;
-    tndm_set_writable_callback(instance(), writable_cb);
     tndm_set_problem_callback(instance(), problem_cb);
     if (settings_.schedule != nullptr) {
         EXPECT_EQ(tndm_set_schedule(instance(), settings_.schedule), 0);
     }
     return tndm_start_client(instance(), host.c_str(), port, &record);
+}
+
+void client_side::run(uint16_t port, const std::vector<std::string>& paths, const std::string& host) {
+    ASSERT_EQ(start(port, host), 0);
+    for (const auto& path : paths) {
+        ASSERT_EQ(add(path), 0);
+    }
 }
 
 // --- pair_test ---
@@ -278,10 +277,7 @@ void pair_test::start(const std::vector<std::string>& paths, const settings& of_
         ASSERT_EQ(server->start(), 0);
     }
     client = std::make_unique<client_side>(of_client);
-    ASSERT_EQ(client->start(net != nullptr ? net->port() : server->port()), 0);
-    for (const auto& path : paths) {
-        ASSERT_EQ(client->add(path), 0);
-    }
+    client->run(net != nullptr ? net->port() : server->port(), paths);
     at_client = client->connected();
     at_server = server->connected();
     ASSERT_NE(at_client, nullptr);
@@ -292,47 +288,31 @@ void pair_test::start(const std::vector<std::string>& paths, const settings& of_
     }));
 }
 
-void pair_test::start_over(const std::vector<std::string>& paths, const std::function<void(conditions&)>& change,
+void pair_test::start_over(const std::vector<std::string>& paths, const conditions& everywhere,
                            const settings& of_client, network::tap_t tap) {
     reset();
     server = std::make_unique<server_side>();
-    net = std::make_unique<network>(server->port(), std::move(tap));
-    if (change) {
-        net->set(change);
-    }
+    net = std::make_unique<network>(server->port(), everywhere, std::move(tap));
     ASSERT_EQ(server->start(), 0);
     start(paths, of_client);
 }
 
 void pair_test::exchange(size_t bytes, unsigned streams) {
-    struct flow {
-        side* to;
-        void* connection;
-        uint64_t stream;
-        bytes_t content;
-    };
-    std::vector<flow> flows;
+    std::vector<std::pair<uint64_t, bytes_t>> up, down;
     std::mt19937 random(static_cast<uint32_t>(bytes) + streams);
     for (unsigned i = 0; i < 2 * streams; ++i) {
-        const bool up = i % 2 == 0;
-        void* const from = up ? at_client : at_server;
+        void* const from = i % 2 == 0 ? at_client : at_server;
         auto content = random_content(bytes / 2 + random() % (bytes / 2 + 1), i);
         const uint64_t stream = side::open(from, i % 4 < 2);
-        ASSERT_NE(stream, ~uint64_t{0});
-        for (size_t at = 0; at < content.size();) {
-            const size_t take = std::min<size_t>(content.size() - at, 1 + random() % 100000);
-            const bool last = at + take == content.size() && i % 3 != 0;
-            ASSERT_EQ(tndm_add_to_stream(from, stream, content.data() + at, static_cast<uint32_t>(take), last), 0);
-            at += take;
-        }
-        if (i % 3 == 0) {
-            ASSERT_EQ(tndm_add_to_stream(from, stream, nullptr, 0, 1), 0);  // an end without bytes
-        }
-        flows.push_back({up ? static_cast<side*>(server.get()) : client.get(), up ? at_server : at_client, stream,
-                         std::move(content)});
+        side::write_pieces(
+            from, stream, content, [&] { return 1 + random() % 100000; }, i % 3 == 0);
+        (i % 2 == 0 ? up : down).emplace_back(stream, std::move(content));
     }
-    for (const flow& each : flows) {
-        each.to->expect_content(each.connection, each.stream, each.content);
+    for (const auto& [stream, content] : up) {
+        server->expect_content(at_server, stream, content);
+    }
+    for (const auto& [stream, content] : down) {
+        client->expect_content(at_client, stream, content);
     }
 }
 

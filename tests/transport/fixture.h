@@ -57,17 +57,19 @@ class loop_thread {
     std::thread thread_;
 };
 
+inline const std::vector<std::string> one_path = {"127.0.0.2"};
+inline const std::vector<std::string> two_paths = {"127.0.0.2", "127.0.0.3"};
+
 // A self-signed certificate in files; made once a process.
 struct identity {
-    std::string cert;
-    std::string key;
+    std::string cert, key;
     std::string pin;  // 64 hexadecimal digits
     static const identity& own();
     static const identity& other();
 };
 
 struct settings {
-    std::shared_ptr<loop_thread> loop;  // null: one of its own
+    std::shared_ptr<loop_thread> loop = {};  // null: one of its own
     uint32_t streams = 100;
     const char* congestion = "bbr";
     const char* alpn = "test";
@@ -90,11 +92,6 @@ class side {
         bool over = false;
         std::map<uint64_t, stream_record> streams;
     };
-    struct problem {
-        int code;
-        std::string text;
-    };
-
     struct figures {
         uint64_t rtt, window, rate;
     };
@@ -131,7 +128,15 @@ class side {
     uint64_t size(void* connection, uint64_t stream);
     size_t live();
 
-    static uint64_t open(void* connection, bool one_way = false);
+    static uint64_t open(void* connection, bool one_way = false) {
+        return tndm_get_next_local_stream_id(connection, one_way);
+    }
+    static int write(void* connection, uint64_t stream, const bytes_t& content, bool fin = false) {
+        return tndm_add_to_stream(connection, stream, content.data(), static_cast<uint32_t>(content.size()), fin);
+    }
+    // All of it, in pieces of `piece()` bytes; the last one ends the stream, or an end without bytes does.
+    static void write_pieces(void* connection, uint64_t stream, const bytes_t& content,
+                             const std::function<size_t()>& piece, bool empty_end = false);
     // Opens a stream and queues everything on it.
     static uint64_t send(void* connection, const bytes_t& content, bool fin, bool one_way = false);
     std::vector<st_tndm_path_info_t> paths(void* connection) const;
@@ -150,11 +155,20 @@ class side {
     std::map<void*, connection_record> connections;
     std::vector<void*> established;
     std::vector<std::pair<void*, uint64_t>> writable;
-    std::vector<problem> problems;
+    std::vector<std::pair<int, std::string>> problems;
     std::vector<figures> statistics;
     std::vector<std::string> created_paths;
 
   protected:
+    // Puts the callbacks that both kinds have into their record.
+    template <typename R>
+    void fill(R& record) const {
+        record.alpn = settings_.alpn;
+        record.on_established = established_cb;
+        record.on_disconnected = disconnected_cb;
+        record.on_data = data_cb;
+        tndm_set_writable_callback(instance(), writable_cb);
+    }
     static void established_cb(void* instance, const st_tndm_connection_id_t* id, void* connection);
     static void disconnected_cb(void* instance, const st_tndm_connection_id_t* id, void* connection);
     static void data_cb(void* instance, void* connection, uint64_t stream, int fin, const uint8_t* data, uint32_t len,
@@ -200,11 +214,10 @@ class client_side : public side {
     explicit client_side(const settings& s = {}) : side(s) {}
     ~client_side() override { destroy(); }
     int start(uint16_t port, const std::string& host = "127.0.0.1");
+    // The start and each path must succeed.
+    void run(uint16_t port, const std::vector<std::string>& paths = one_path, const std::string& host = "127.0.0.1");
     int add(const std::string& path) { return tndm_add_path(instance(), path.c_str()); }
 };
-
-inline const std::vector<std::string> one_path = {"127.0.0.2"};
-inline const std::vector<std::string> two_paths = {"127.0.0.2", "127.0.0.3"};
 
 // For what no callback announces.
 template <typename P>
@@ -225,7 +238,7 @@ class pair_test : public ::testing::Test {
     // have as many lanes as there are paths.
     void start(const std::vector<std::string>& paths, const settings& of_client = {}, const settings& of_server = {});
     // The same through a new network.
-    void start_over(const std::vector<std::string>& paths, const std::function<void(conditions&)>& change = {},
+    void start_over(const std::vector<std::string>& paths, const conditions& everywhere = {},
                     const settings& of_client = {}, network::tap_t tap = {});
     // Bytes both ways over streams of both kinds; everything must come out as it went in.
     void exchange(size_t bytes, unsigned streams);

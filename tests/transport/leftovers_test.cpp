@@ -31,18 +31,14 @@ class leftovers : public ::testing::Test {
             tndm_add_to_stream(connection, stream, data, size, fin);
         };
         EXPECT_EQ(server.start(), 0);
-        s.loop = std::make_shared<loop_thread>();
     }
     // So many clients connect at once, say something, hear it again and go; and that `rounds` times.
-    void connect(size_t rounds, size_t count, size_t paths) {
+    void connect(size_t rounds, size_t count, const std::vector<std::string>& paths) {
         for (size_t round = 0; round < rounds && !HasFatalFailure(); ++round) {
             std::vector<std::unique_ptr<client_side>> clients;
             for (size_t i = 0; i < count; ++i) {
                 clients.push_back(std::make_unique<client_side>(s));
-                ASSERT_EQ(clients.back()->start(server.port()), 0);
-                for (size_t path = 0; path < paths; ++path) {
-                    ASSERT_EQ(clients.back()->add(two_paths[(i + path) % 2]), 0);
-                }
+                clients.back()->run(server.port(), paths);
             }
             for (auto& client : clients) {
                 void* const connection = client->connected();
@@ -62,7 +58,7 @@ class leftovers : public ::testing::Test {
         });
         EXPECT_TRUE(eventually([] { return tndm::registry<tndm::ledger>::of_process().size() == 0; }));
     }
-    void expect_nothing_of(size_t rounds, size_t count, size_t paths) {
+    void expect_nothing_of(size_t rounds, size_t count, const std::vector<std::string>& paths) {
         connect(20 / count + 1, count, paths);
         const auto before = holdings();
         const size_t heap = mallinfo2().uordblks;
@@ -77,25 +73,24 @@ class leftovers : public ::testing::Test {
 #endif
     }
 
-    settings s;
+    const settings s{.loop = std::make_shared<loop_thread>()};
     server_side server;
     const bytes_t content = random_content(3000, 1);
 };
 
 TEST_F(leftovers, of_a_thousand_connections_one_after_another_there_are_none) {
-    expect_nothing_of(800 / scale, 1, 1);
-    expect_nothing_of(200 / scale, 1, 2);
+    expect_nothing_of(800 / scale, 1, one_path);
+    expect_nothing_of(200 / scale, 1, two_paths);
 }
 
 TEST_F(leftovers, of_fifty_connections_at_once_there_are_none) {
-    expect_nothing_of(3, 50, 1);
+    expect_nothing_of(3, 50, one_path);
 }
 
 // The client's own side: connections that it made again and again within one instance.
 TEST_F(leftovers, of_connections_that_a_client_made_again_there_are_none) {
     client_side client(s);
-    ASSERT_EQ(client.start(server.port()), 0);
-    ASSERT_EQ(client.add("127.0.0.2"), 0);
+    client.run(server.port());
     void* connection = client.connected();
     const auto before = holdings();
     for (int i = 0; i < 4; ++i) {  // pauses between short connections grow

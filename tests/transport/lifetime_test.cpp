@@ -19,9 +19,7 @@ TEST(instances, may_go_before_they_have_started_and_although_nobody_runs_the_loo
     EXPECT_EQ(tndm_add_path(instance, "127.0.0.2"), 0);
     tndm_destroy_instance(instance);
     idle->ops->destroy(idle);
-    const auto loop = std::make_shared<loop_thread>();
-    settings s;
-    s.loop = loop;
+    const settings s{.loop = std::make_shared<loop_thread>()};
     for (int i = 0; i < 100; ++i) {
         side straight(s);
         straight.destroy();
@@ -37,15 +35,10 @@ TEST(instances, may_go_before_they_have_started_and_although_nobody_runs_the_loo
 TEST(instances, may_go_while_they_connect) {
     server_side server;
     ASSERT_EQ(server.start(), 0);
-    const auto loop = std::make_shared<loop_thread>();
-    settings s;
-    s.loop = loop;
+    const settings s{.loop = std::make_shared<loop_thread>()};
     for (int i = 0; i < 60; ++i) {
         client_side client(s);
-        ASSERT_EQ(client.start(server.port(), i % 4 == 3 ? "localhost" : "127.0.0.1"), 0);
-        for (const auto& path : two_paths) {
-            ASSERT_EQ(client.add(path), 0);
-        }
+        client.run(server.port(), two_paths, i % 4 == 3 ? "localhost" : "127.0.0.1");
         // Each round goes a little later in the handshake.
         std::this_thread::sleep_for(std::chrono::microseconds(i * 200));
     }
@@ -60,8 +53,7 @@ class inside_callbacks : public ::testing::TestWithParam<std::tuple<moment, bool
 // returned. After an instance's end no callback comes; another instance on the same loop lives on.
 TEST_P(inside_callbacks, an_instance_or_a_connection_may_go) {
     const auto [when, whole] = GetParam();
-    settings s;
-    s.loop = std::make_shared<loop_thread>();
+    const settings s{.loop = std::make_shared<loop_thread>()};
     for (int round = 0; round < 10; ++round) {
         server_side server(s);
         server.on_data = [](void* connection, uint64_t stream, bool fin, const uint8_t* data, uint32_t size) {
@@ -99,8 +91,7 @@ TEST_P(inside_callbacks, an_instance_or_a_connection_may_go) {
         client.on_path_broken = [&](const char*) { go(moment::path_broken, nullptr); };
         client.on_established = [&](void* connection) {
             const uint64_t stream = side::open(connection);
-            const auto content = random_content(2'000'000 / scale, 1);
-            tndm_add_to_stream(connection, stream, content.data(), static_cast<uint32_t>(content.size()), 0);
+            side::write(connection, stream, random_content(2'000'000 / scale, 1));
             EXPECT_EQ(tndm_request_writable(connection, stream, 100'000), 0);
             go(moment::established, connection);
         };
@@ -130,8 +121,7 @@ TEST_P(inside_callbacks, an_instance_or_a_connection_may_go) {
         }
         // Its server, on the same loop, still serves.
         client_side next(s);
-        ASSERT_EQ(next.start(server.port()), 0);
-        ASSERT_EQ(next.add("127.0.0.4"), 0);
+        next.run(server.port());
         EXPECT_NE(next.connected(), nullptr);
     }
 }
@@ -273,8 +263,7 @@ TEST_F(lifetime, many_threads_write_while_the_connection_dies) {
                 const auto content = random_content(1 + 900 * i, i);
                 while (!stop) {
                     const bool full = tndm_get_stream_backlog(at_client, stream) > 500'000;
-                    if (!full && tndm_add_to_stream(at_client, stream, content.data(),
-                                                    static_cast<uint32_t>(content.size()), 0) != 0) {
+                    if (!full && side::write(at_client, stream, content) != 0) {
                         return;
                     }
                     tndm_request_writable(at_client, stream, 1000);
@@ -309,28 +298,19 @@ TEST_F(lifetime, many_threads_write_while_the_connection_dies) {
 // Bytes that several threads queue on streams of their own while others open streams.
 TEST_F(lifetime, threads_that_write_their_own_streams_lose_nothing) {
     start(two_paths);
-    constexpr unsigned count = 6;
-    std::array<uint64_t, count> ids{};
-    std::array<bytes_t, count> contents;
+    std::array<std::pair<uint64_t, bytes_t>, 6> flows;
     std::vector<std::thread> writers;
-    for (unsigned i = 0; i < count; ++i) {
-        writers.emplace_back([&, i] {
-            contents[i] = random_content(1'500'000 / scale, i);
-            ids[i] = side::open(at_client, i % 2 == 0);
-            for (size_t at = 0; at < contents[i].size();) {
-                const size_t take = std::min<size_t>(contents[i].size() - at, 700 + 3000 * i);
-                EXPECT_EQ(tndm_add_to_stream(at_client, ids[i], contents[i].data() + at, static_cast<uint32_t>(take),
-                                             at + take == contents[i].size()),
-                          0);
-                at += take;
-            }
+    for (uint32_t i = 0; i < flows.size(); ++i) {
+        writers.emplace_back([this, i, &flow = flows[i]] {
+            flow = {side::open(at_client, i % 2 == 0), random_content(1'500'000 / scale, i)};
+            side::write_pieces(at_client, flow.first, flow.second, [i] { return 700 + 3000 * i; });
         });
     }
     for (auto& writer : writers) {
         writer.join();
     }
-    for (unsigned i = 0; i < count; ++i) {
-        server->expect_content(at_server, ids[i], contents[i]);
+    for (const auto& [stream, content] : flows) {
+        server->expect_content(at_server, stream, content);
     }
 }
 

@@ -15,6 +15,7 @@ namespace transport_test {
 namespace {
 
 constexpr int datagrams_at_once = 64;
+constexpr uint64_t queue_bytes = 300'000;  // what may wait for the rate; the rest is dropped
 
 sockaddr_in loopback(uint16_t port) {
     return {.sin_family = AF_INET, .sin_port = htons(port), .sin_addr = {htonl(INADDR_LOOPBACK)}, .sin_zero = {}};
@@ -35,11 +36,11 @@ int open_udp(uint16_t to) {
     return fd;
 }
 
-network::network(uint16_t server_port, tap_t tap)
+network::network(uint16_t server_port, const conditions& everywhere, tap_t tap)
     : server_port_(server_port),
+      conditions_(everywhere),
       front_(open_udp()),
       stop_(eventfd(0, EFD_CLOEXEC)),
-      stranger_(open_udp(server_port)),
       tap_(std::move(tap)) {
     sockaddr_in own{};
     socklen_t length = sizeof own;
@@ -53,30 +54,12 @@ network::~network() {
     thread_.join();
     close(front_);
     close(stop_);
-    close(stranger_);
 }
 
-void network::set(const std::string& path, const std::function<void(conditions&)>& change) {
+void network::dark(const std::string& path, bool now, bool only_up) {
     const std::lock_guard lock(mutex_);
-    if (!path.empty()) {
-        change(state_of(path).now);
-        return;
-    }
-    change(defaults_);
-    for (auto& [name, state] : paths_) {
-        change(state.now);
-    }
-}
-
-network::path_state& network::state_of(const std::string& path) {
-    return paths_.try_emplace(path, path_state{defaults_, {}}).first->second;
-}
-
-void network::inject(const datagram_t& datagram) {
-    send(stranger_, datagram.data(), datagram.size(), 0);
-    uint8_t answer[2048];
-    while (recv(stranger_, answer, sizeof answer, MSG_DONTWAIT) > 0) {
-    }
+    directions_[{path, way::up}].dark = now;
+    directions_[{path, way::down}].dark = now && !only_up;
 }
 
 void network::run() {
@@ -85,99 +68,75 @@ void network::run() {
             flows_.clear();
         }
         std::vector<pollfd> watched = {{stop_, POLLIN, 0}, {front_, POLLIN, 0}};
-        std::vector<std::shared_ptr<flow>> order;
+        std::vector<std::shared_ptr<flow>> order = {nullptr, nullptr};
         for (const auto& [key, of] : flows_) {
             watched.push_back({of->upstream, POLLIN, 0});
             order.push_back(of);
         }
-        timespec limit{0, 50'000'000};
+        std::chrono::nanoseconds left = std::chrono::milliseconds(50);
         if (!waiting_.empty()) {
-            const auto left = std::clamp<std::chrono::nanoseconds>(
-                waiting_.top().due - clock::now(), std::chrono::nanoseconds(0), std::chrono::milliseconds(50));
-            limit.tv_nsec = static_cast<long>(left.count());
+            left = std::clamp<std::chrono::nanoseconds>(waiting_.begin()->first - clock::now(), {}, left);
         }
+        const timespec limit{0, static_cast<long>(left.count())};
         ppoll(watched.data(), watched.size(), &limit, nullptr);
         if (watched[0].revents != 0) {
             return;
         }
         deliver_due();
-        if (watched[1].revents != 0) {
-            read_clients();
-        }
-        for (size_t i = 0; i < order.size(); ++i) {
-            if (watched[i + 2].revents != 0) {
-                read_server(order[i]);
+        for (size_t i = 1; i < order.size(); ++i) {
+            if (watched[i].revents != 0) {
+                read(watched[i].fd, order[i]);
             }
         }
         deliver_due();
     }
 }
 
-void network::read_clients() {
+void network::read(int fd, std::shared_ptr<flow> of) {
     datagram_t buffer(65536);
+    const way direction = of == nullptr ? way::up : way::down;
     for (int i = 0; i < datagrams_at_once; ++i) {
         sockaddr_in from{};
         socklen_t length = sizeof from;
-        const ssize_t got =
-            recvfrom(front_, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&from), &length);
+        const ssize_t got = recvfrom(fd, buffer.data(), buffer.size(), 0, reinterpret_cast<sockaddr*>(&from), &length);
         if (got < 0) {
             return;
         }
-        auto& of = flows_[uint64_t{from.sin_addr.s_addr} << 16 | from.sin_port];
-        if (of == nullptr) {
-            of = std::make_shared<flow>();
-            of->client = from;
-            of->path = inet_ntoa(from.sin_addr);
-            of->upstream = open_udp(server_port_);
-        }
-        accept(of, way::up, datagram_t(buffer.begin(), buffer.begin() + got));
+        accept({direction == way::up ? flow_of(from) : of, direction, {buffer.begin(), buffer.begin() + got}});
     }
 }
 
-void network::read_server(const std::shared_ptr<flow>& of) {
-    datagram_t buffer(65536);
-    for (int i = 0; i < datagrams_at_once; ++i) {
-        const ssize_t got = recv(of->upstream, buffer.data(), buffer.size(), 0);
-        if (got < 0) {
-            return;
-        }
-        accept(of, way::down, datagram_t(buffer.begin(), buffer.begin() + got));
+std::shared_ptr<network::flow> network::flow_of(const sockaddr_in& client) {
+    auto& of = flows_[uint64_t{client.sin_addr.s_addr} << 16 | client.sin_port];
+    if (of == nullptr) {
+        of = std::make_shared<flow>(client, inet_ntoa(client.sin_addr), open_udp(server_port_));
     }
+    return of;
 }
 
-void network::accept(const std::shared_ptr<flow>& of, way direction, datagram_t&& bytes) {
-    if (tap_ && !tap_(direction, bytes)) {
+void network::accept(packet&& taken) {
+    if ((tap_ && !tap_(taken.direction, taken.bytes)) || taken.bytes.size() > largest_) {
         return;
     }
     const auto now = clock::now();
     const std::lock_guard lock(mutex_);
-    path_state& state = state_of(of->path);
-    const conditions& c = state.now;
-    const bool dark = direction == way::up ? c.dark_up : c.dark_down;
-    if (dark || bytes.size() > c.largest) {
+    direction_state& state = directions_[{taken.of->path, taken.direction}];
+    state.free_at = std::max(state.free_at, now);
+    const auto queue_time = std::chrono::microseconds(queue_bytes * 8 / conditions_.mbit);
+    if (state.dark || state.free_at - now > queue_time) {
         return;
     }
-    auto& free_at = state.free_at[static_cast<size_t>(direction)];
-    free_at = std::max(free_at, now);
-    const auto queue_time = std::chrono::microseconds(c.queue_bytes * 8 / c.mbit);
-    if (free_at - now > queue_time) {
-        return;
-    }
-    free_at += std::chrono::nanoseconds((bytes.size() + 28) * 8000 / c.mbit);
-    waiting_.push({free_at + c.delay, next_number_++, of, direction, std::move(bytes)});
+    state.free_at += std::chrono::nanoseconds((taken.bytes.size() + 28) * 8000 / conditions_.mbit);
+    waiting_.emplace(state.free_at + conditions_.delay, std::move(taken));
 }
 
 void network::deliver_due() {
-    const auto now = clock::now();
-    while (!waiting_.empty() && waiting_.top().due <= now) {
-        const packet& next = waiting_.top();
-        if (next.direction == way::up) {
-            send(next.of->upstream, next.bytes.data(), next.bytes.size(), 0);
-        } else {
-            sendto(front_, next.bytes.data(), next.bytes.size(), 0, reinterpret_cast<const sockaddr*>(&next.of->client),
-                   sizeof next.of->client);
-        }
-        waiting_.pop();
+    for (const auto now = clock::now(); !waiting_.empty() && waiting_.begin()->first <= now;) {
+        const packet& next = waiting_.begin()->second;
+        const bool up = next.direction == way::up;
+        sendto(up ? next.of->upstream : front_, next.bytes.data(), next.bytes.size(), 0,
+               up ? nullptr : reinterpret_cast<const sockaddr*>(&next.of->client), up ? 0 : sizeof next.of->client);
+        waiting_.erase(waiting_.begin());
     }
 }
 

@@ -1,5 +1,5 @@
-// A network between clients and a server, made of loopback sockets: each path (told by the client's address) has its
-// own rate, delay, loss and darkness, and every datagram can be looked at.
+// A network between clients and a server, made of loopback sockets: each path (told by the client's address) has a
+// queue of its own in each direction and can go dark, and every datagram can be looked at.
 #ifndef TANDEM_TESTS_TRANSPORT_NETWORK_H
 #define TANDEM_TESTS_TRANSPORT_NETWORK_H
 
@@ -13,9 +13,9 @@
 #include <map>
 #include <memory>
 #include <mutex>
-#include <queue>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace transport_test {
@@ -25,10 +25,6 @@ enum class way { up, down };  // to the server, to the client
 struct conditions {
     std::chrono::microseconds delay{2000};  // each way
     uint64_t mbit = 200;                    // each way
-    uint64_t queue_bytes = 300'000;         // what waits for the rate; the rest is dropped
-    size_t largest = 65536;                 // datagrams above are swallowed
-    bool dark_up = false;
-    bool dark_down = false;
 };
 
 // A socket on loopback that does not block, connected to that port there unless it is 0.
@@ -40,65 +36,58 @@ class network {
     // False swallows the datagram. On the network's thread.
     using tap_t = std::function<bool(way, const datagram_t&)>;
 
-    explicit network(uint16_t server_port, tap_t tap = {});
+    network(uint16_t server_port, const conditions& everywhere, tap_t tap);
     ~network();
     network(const network&) = delete;
     network& operator=(const network&) = delete;
 
     uint16_t port() const { return port_; }
-    // Changes a path's conditions; for the whole network without a path's name.
-    void set(const std::string& path, const std::function<void(conditions&)>& change);
-    void set(const std::function<void(conditions&)>& change) { set({}, change); }
-    void dark(const std::string& path, bool now) {
-        set(path, [now](conditions& c) { c.dark_up = c.dark_down = now; });
-    }
+    // A path that is dark in both directions, or only for what goes to the server.
+    void dark(const std::string& path, bool now, bool only_up = false);
+    // From now on larger datagrams are swallowed everywhere.
+    void swallow_above(size_t size) { largest_ = size; }
     // From now on every client is seen by the server under a new port.
     void forget_addresses() { forget_ = true; }
-    // A datagram to the server from a stranger's address.
-    void inject(const datagram_t& datagram);
 
   private:
     using clock = std::chrono::steady_clock;
     struct flow {
-        sockaddr_in client{};
-        std::string path;
-        int upstream = -1;
+        flow(const sockaddr_in& from, const char* name, int fd) : client(from), path(name), upstream(fd) {}
         ~flow() { close(upstream); }
+        sockaddr_in client;
+        std::string path;
+        int upstream;
     };
     struct packet {
-        clock::time_point due;
-        uint64_t number;
         std::shared_ptr<flow> of;
         way direction;
         datagram_t bytes;
-        bool operator>(const packet& other) const { return due != other.due ? due > other.due : number > other.number; }
     };
-    struct path_state {
-        conditions now;
-        clock::time_point free_at[2];
+    struct direction_state {
+        clock::time_point free_at;
+        bool dark = false;
     };
 
     void run();
-    void read_clients();
-    void read_server(const std::shared_ptr<flow>& of);
-    void accept(const std::shared_ptr<flow>& of, way direction, datagram_t&& bytes);
+    // What waits in a socket: the server's answers to a client, or what the clients have sent.
+    void read(int fd, std::shared_ptr<flow> of);
+    std::shared_ptr<flow> flow_of(const sockaddr_in& client);
+    void accept(packet&& taken);
     void deliver_due();
-    path_state& state_of(const std::string& path);
 
     const uint16_t server_port_;
+    const conditions conditions_;
     uint16_t port_ = 0;
     int front_ = -1;
     int stop_ = -1;
-    int stranger_ = -1;
     tap_t tap_;
     std::map<uint64_t, std::shared_ptr<flow>> flows_;
-    std::priority_queue<packet, std::vector<packet>, std::greater<>> waiting_;
-    uint64_t next_number_ = 0;
+    std::multimap<clock::time_point, packet> waiting_;
     std::atomic<bool> forget_{false};
+    std::atomic<size_t> largest_{65536};
 
     std::mutex mutex_;  // guards what follows
-    conditions defaults_;
-    std::map<std::string, path_state> paths_;
+    std::map<std::pair<std::string, way>, direction_state> directions_;
 
     std::thread thread_;
 };

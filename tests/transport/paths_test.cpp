@@ -72,38 +72,5 @@ TEST(path_book, lists_what_is_wanted_and_bounds_what_is_not) {
     EXPECT_STREQ(left[1].name, "hostile 968");
 }
 
-using paths = pair_test;
-
-// A path that is removed at the client stays listed at the server, and what it counted is added to when it returns.
-TEST_F(paths, both_ends_list_a_path_under_one_name_across_its_subflows) {
-    start(two_paths);
-    exchange(1'000'000, 2);
-    const auto at = [&](const side& of, void* connection, const std::string& name) {
-        const auto all = of.paths(connection);
-        const auto found = std::find_if(all.begin(), all.end(), [&](const auto& each) { return each.name == name; });
-        return found == all.end() ? st_tndm_path_info_t{} : *found;
-    };
-    ASSERT_EQ(tndm_remove_path(client->instance(), two_paths[0].c_str()), 0);
-    ASSERT_TRUE(eventually([&] { return server->carried_paths(at_server).size() == 1; }));
-    const auto dead = at(*server, at_server, two_paths[0]);
-    EXPECT_EQ(dead.state, TNDM_PATH_DEAD);
-    EXPECT_GT(dead.bytes_received, 1000U);
-    ASSERT_EQ(client->add(two_paths[0]), 0);
-    ASSERT_TRUE(eventually([&] { return server->carried_paths(at_server).size() == 2; }));
-    const auto back = at(*server, at_server, two_paths[0]);
-    EXPECT_EQ(back.state, TNDM_PATH_CONNECTED);
-    EXPECT_GT(back.bytes_received, dead.bytes_received);
-    EXPECT_GT(back.packets_sent, dead.packets_sent);
-    // What is told is refreshed a few times a second, at each end in its own time.
-    ASSERT_TRUE(eventually([&] { return client->paths(at_client).size() == 2; }));
-    EXPECT_EQ(client->paths(at_client)[1].name, two_paths[0]) << "in the order in which they were added";
-    // The client may hear of its first round trip after the server has used the path.
-    EXPECT_TRUE(eventually([&] {
-        const auto all = client->paths(at_client);
-        return std::all_of(all.begin(), all.end(),
-                           [](const auto& path) { return path.rtt > 10 && path.rtt < 1'000'000; });  // microseconds
-    }));
-}
-
 }  // namespace
 }  // namespace transport_test

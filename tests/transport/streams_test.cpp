@@ -9,14 +9,14 @@ constexpr uint64_t none = ~uint64_t{0};
 
 // Far more streams than may be open at once, opened by both sides: every one that ends makes room for another.
 TEST_F(streams, credit_comes_back_when_streams_are_over) {
-    settings few;
-    few.streams = 16;
+    const settings few{.streams = 16};
     const size_t count = 4000 / scale;
+    const auto content_of = [](uint64_t id) { return bytes_t(8, static_cast<uint8_t>(id / 4)); };
     server = std::make_unique<server_side>(few);
     // The answer ends the other direction, so that the stream is over.
     server->on_data = [this](void* connection, uint64_t stream, bool fin, const uint8_t*, uint32_t) {
         if (fin && (stream & 2) == 0) {
-            tndm_add_to_stream(connection, stream, reinterpret_cast<const uint8_t*>("answer"), 6, 1);
+            side::write(connection, stream, bytes_t(6), true);
         }
     };
     ASSERT_EQ(server->start(), 0);
@@ -28,42 +28,37 @@ TEST_F(streams, credit_comes_back_when_streams_are_over) {
     EXPECT_EQ(side::open(at_client), none);
     EXPECT_EQ(side::open(at_server) & 1, 1U);
     for (const uint64_t id : opened) {
-        ASSERT_EQ(tndm_add_to_stream(at_client, id, reinterpret_cast<const uint8_t*>(&id), sizeof id, 1), 0);
+        ASSERT_EQ(side::write(at_client, id, content_of(id), true), 0);
     }
     for (size_t i = 0; i < count; ++i) {
         const bool one_way = i % 2 == 1;
         uint64_t id = none;
         ASSERT_TRUE(eventually([&] { return (id = side::open(at_client, one_way)) != none; })) << i;
-        ASSERT_EQ(tndm_add_to_stream(at_client, id, reinterpret_cast<const uint8_t*>(&id), sizeof id, 1), 0);
+        ASSERT_EQ(side::write(at_client, id, content_of(id), true), 0);
         EXPECT_EQ(id & 3, one_way ? 2U : 0U);
         opened.push_back(id);
     }
     for (const uint64_t id : opened) {
-        ASSERT_TRUE(server->received(at_server, id, sizeof id, true));
-        const bytes_t content = server->content(at_server, id);
-        ASSERT_EQ(std::memcmp(content.data(), &id, sizeof id), 0);
-        if ((id & 2) == 0) {
-            ASSERT_TRUE(client->received(at_client, id, 6, true));
-        }
+        server->expect_content(at_server, id, content_of(id));
+        ASSERT_TRUE((id & 2) != 0 || client->received(at_client, id, 6, true));
     }
     EXPECT_EQ(std::set<uint64_t>(opened.begin(), opened.end()).size(), opened.size()) << "an id was given twice";
 }
 
 TEST_F(streams, are_written_only_by_whom_and_while_they_may_be) {
     start(one_path);
-    const uint8_t byte = 1;
-    EXPECT_LT(tndm_add_to_stream(at_client, 400, &byte, 1, 0), 0) << "never opened";
-    EXPECT_LT(tndm_add_to_stream(at_client, 1, &byte, 1, 0), 0) << "the peer has not opened it";
+    EXPECT_LT(side::write(at_client, 400, {1}), 0) << "never opened";
+    EXPECT_LT(side::write(at_client, 1, {1}), 0) << "the peer has not opened it";
     EXPECT_LT(tndm_add_to_stream(at_client, side::open(at_client), nullptr, 1, 0), 0);
     const uint64_t one_way = side::send(at_client, {1, 2, 3}, false, true);
     ASSERT_TRUE(server->received(at_server, one_way, 3, false));
-    EXPECT_LT(tndm_add_to_stream(at_server, one_way, &byte, 1, 0), 0) << "only its opener writes it";
+    EXPECT_LT(side::write(at_server, one_way, {1}), 0) << "only its opener writes it";
     const uint64_t both = side::send(at_client, {1, 2, 3}, true);
-    EXPECT_LT(tndm_add_to_stream(at_client, both, &byte, 1, 0), 0) << "behind the end";
+    EXPECT_LT(side::write(at_client, both, {1}), 0) << "behind the end";
     ASSERT_TRUE(server->received(at_server, both, 3, true));
-    EXPECT_EQ(tndm_add_to_stream(at_server, both, &byte, 1, 1), 0);
+    EXPECT_EQ(side::write(at_server, both, {1}, true), 0);
     ASSERT_TRUE(client->received(at_client, both, 1, true));
-    EXPECT_TRUE(eventually([&] { return tndm_add_to_stream(at_server, both, nullptr, 0, 1) < 0; }));
+    EXPECT_TRUE(eventually([&] { return side::write(at_server, both, {}, true) < 0; }));
 }
 
 // What is handed over belongs to the transport from then on, what is refused stays the caller's. (The address sanitizer
@@ -90,14 +85,13 @@ TEST_F(streams, memory_is_handed_over_only_on_success) {
 
 // A writer that listens to the backlog never has much more queued than it wants to.
 TEST_F(streams, a_writer_can_follow_the_backlog) {
-    start_over(one_path, [](conditions& c) { c.mbit = 50; });
+    start_over(one_path, {.mbit = 50});
     const uint64_t stream = side::open(at_client);
     constexpr uint64_t low = 64 * 1024;
     constexpr uint64_t piece = 256 * 1024;
     uint64_t total = 0;
     for (size_t seen = 0; total < 6'000'000 / scale; ++seen) {
-        const auto content = random_content(piece, static_cast<uint32_t>(total));
-        ASSERT_EQ(tndm_add_to_stream(at_client, stream, content.data(), piece, 0), 0);
+        ASSERT_EQ(side::write(at_client, stream, random_content(piece, static_cast<uint32_t>(total))), 0);
         total += piece;
         EXPECT_LE(tndm_get_stream_backlog(at_client, stream), low + piece);
         ASSERT_EQ(tndm_request_writable(at_client, stream, low), 0);
@@ -113,7 +107,7 @@ TEST_F(streams, a_writer_can_follow_the_backlog) {
     EXPECT_EQ(tndm_request_writable(at_client, stream, 0), 0) << "already so: told at once";
     EXPECT_TRUE(client->wait([&] { return client->writable.size() == told + 1; }));
     EXPECT_LT(tndm_request_writable(at_client, 4000, 0), 0);
-    ASSERT_EQ(tndm_add_to_stream(at_client, stream, nullptr, 0, 1), 0);
+    ASSERT_EQ(side::write(at_client, stream, {}, true), 0);
     EXPECT_LT(tndm_request_writable(at_client, stream, 0), 0) << "it is never writable again";
 }
 
@@ -130,19 +124,19 @@ TEST_F(streams, a_paused_stream_stops_its_writer_and_nobody_else) {
     ASSERT_EQ(server->start(), 0);
     start(one_path);
     side::send(at_client, {}, true, true);  // other streams wait for the first one
-    const uint64_t stopped = side::send(at_client, {1}, false);
+    auto content = bytes_t{1};
+    const uint64_t stopped = side::send(at_client, content, false);
     ASSERT_TRUE(server->received(at_server, stopped, 1, false));
-    const auto content = random_content(3'000'000, 9);
-    ASSERT_EQ(tndm_add_to_stream(at_client, stopped, content.data(), static_cast<uint32_t>(content.size()), 1), 0);
+    const auto rest = random_content(3'000'000, 9);
+    ASSERT_EQ(side::write(at_client, stopped, rest, true), 0);
     const auto other = random_content(4'000'000, 10);
     const uint64_t running = side::send(at_client, other, true);
     server->expect_content(at_server, running, other);
     EXPECT_EQ(server->size(at_server, stopped), 1U) << "delivered while paused";
     EXPECT_GT(tndm_get_stream_backlog(at_client, stopped), 1'000'000U) << "its window grew while it was paused";
     ASSERT_EQ(tndm_pause_stream(at_server, stopped, 0), 0);
-    ASSERT_TRUE(server->received(at_server, stopped, 1 + content.size(), true));
-    const bytes_t got = server->content(at_server, stopped);
-    EXPECT_TRUE(std::equal(content.begin(), content.end(), got.begin() + 1, got.end()));
+    content.insert(content.end(), rest.begin(), rest.end());
+    server->expect_content(at_server, stopped, content);
 }
 
 }  // namespace

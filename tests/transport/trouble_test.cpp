@@ -38,10 +38,7 @@ class blackout : public trouble, public ::testing::WithParamInterface<darkness> 
 TEST_P(blackout, is_over_soon_after_light_returns) {
     const auto [dark, count] = GetParam();
     const std::vector<std::string> paths(two_paths.begin(), two_paths.begin() + static_cast<ptrdiff_t>(count));
-    start_over(paths, [](conditions& c) {
-        c.mbit = 60;
-        c.delay = 10ms;
-    });
+    start_over(paths, {.delay = 10ms, .mbit = 60});
     // More than can pass before the light returns.
     const size_t size = count == 1 ? 12'000'000 : 6'000'000 + static_cast<size_t>(dark.count()) * 8'000;
     begin_transfer(size);
@@ -80,10 +77,7 @@ TEST_P(blackout, is_over_soon_after_light_returns) {
 
 // The server may open nothing itself, and a slow path's window is filled to the brim.
 TEST_F(trouble, a_download_goes_on_soon_after_light_returns_to_a_slow_path) {
-    start_over(one_path, [](conditions& c) {
-        c.mbit = 8;
-        c.delay = 10ms;
-    });
+    start_over(one_path, {.delay = 10ms, .mbit = 8});
     const size_t size = 3'000'000;
     const uint64_t down = side::send(at_server, random_content(size, 4), true);
     ASSERT_TRUE(client->received(at_client, down, 600'000, false));
@@ -105,14 +99,12 @@ INSTANTIATE_TEST_SUITE_P(transport, blackout,
 // One short darkness after another, each much shorter than the connection outlives its paths: the waiting times must
 // not be added up.
 TEST_F(trouble, two_dark_moments_are_not_one_long_darkness) {
-    settings s;
-    s.linger_seconds = 3;
-    start_over(one_path, {}, s);
+    start_over(one_path, {}, {.linger_seconds = 3});
     ASSERT_EQ(tndm_enable_keep_alive(at_client, nullptr, 50, 0), 0);
     stream = side::open(at_client);
     const auto answers = [&] {
         const uint64_t before = arrived();
-        EXPECT_EQ(tndm_add_to_stream(at_client, stream, reinterpret_cast<const uint8_t*>("x"), 1, 0), 0);
+        EXPECT_EQ(side::write(at_client, stream, {1}), 0);
         return server->received(at_server, stream, before + 1, false, 2s);
     };
     ASSERT_TRUE(answers());
@@ -133,13 +125,10 @@ TEST_F(trouble, two_dark_moments_are_not_one_long_darkness) {
 }
 
 TEST_F(trouble, a_connection_without_a_path_ends_on_both_sides_after_its_time) {
-    settings s;
-    s.linger_seconds = 2;
-    start_over(one_path, {}, s);
+    start_over(one_path, {}, {.linger_seconds = 2});
     // The server sends nothing, probes included, before it has heard that the client is ready.
     stream = side::open(at_client);
-    const uint8_t byte = 1;
-    ASSERT_EQ(tndm_add_to_stream(at_client, stream, &byte, 1, 0), 0);
+    ASSERT_EQ(side::write(at_client, stream, {1}), 0);
     ASSERT_TRUE(server->received(at_server, stream, 1, false));
     ASSERT_EQ(tndm_enable_keep_alive(at_client, nullptr, 50, 0), 0);
     ASSERT_EQ(tndm_enable_keep_alive(at_server, nullptr, 50, 0), 0);
@@ -155,16 +144,15 @@ TEST_F(trouble, a_connection_without_a_path_ends_on_both_sides_after_its_time) {
 
 // The last datagrams of a burst go missing once, and nothing follows that would show it.
 TEST_F(trouble, a_lost_tail_is_sent_again_by_itself) {
-    start_over(
-        one_path, [](conditions& c) { c.delay = 10ms; }, {},
-        [&](way direction, const network::datagram_t&) { return direction == way::down || pass-- > 0; });
+    start_over(one_path, {.delay = 10ms}, {},
+               [&](way direction, const network::datagram_t&) { return direction == way::down || pass-- > 0; });
     stream = side::open(at_client);
     uint64_t total = 0;
     for (int round = 0; round < 20; ++round) {
         // It fits the first congestion window, so it is under way at once.
         const auto burst = random_content(round % 2 == 0 ? 10'000 : 900, static_cast<uint32_t>(round));
         pass = round % 3;
-        ASSERT_EQ(tndm_add_to_stream(at_client, stream, burst.data(), static_cast<uint32_t>(burst.size()), 0), 0);
+        ASSERT_EQ(side::write(at_client, stream, burst), 0);
         ASSERT_TRUE(eventually([&] { return tndm_get_stream_backlog(at_client, stream) == 0; }));
         ASSERT_TRUE(eventually([&] { return pass < 0 || round % 2 != 0; }));
         pass = 1 << 30;
@@ -180,10 +168,10 @@ TEST_F(trouble, a_lost_tail_is_sent_again_by_itself) {
 TEST_F(trouble, a_hole_for_large_datagrams_is_found_and_avoided) {
     for (const size_t largest : {1250U, 1350U}) {
         SCOPED_TRACE(largest);
-        start_over(one_path, [](conditions& c) { c.mbit = 40; });
+        start_over(one_path, {.mbit = 40});
         begin_transfer(8'000'000 / scale);
         ASSERT_TRUE(server->received(at_server, stream, 1'000'000 / scale, false));
-        net->set([&](conditions& c) { c.largest = largest; });
+        net->swallow_above(largest);
         const auto shrunk = clock::now();
         // What was under way may still arrive; what was sent since cannot, until the hole is found.
         const uint64_t before = arrived() + 600'000;
@@ -199,10 +187,10 @@ TEST_F(trouble, a_path_that_the_server_has_forgotten_does_not_end_the_connection
     start_over(two_paths);
     ASSERT_EQ(tndm_enable_keep_alive(at_client, nullptr, 100, 0), 0);
     ASSERT_EQ(tndm_enable_keep_alive(at_server, nullptr, 100, 0), 0);
-    net->set("127.0.0.2", [](conditions& c) { c.dark_up = true; });
+    net->dark("127.0.0.2", true, true);
     // The server's idle time, 30 s.
     ASSERT_TRUE(eventually([&] { return server->carried_paths(at_server).size() == 1; }, 60s));
-    net->set("127.0.0.2", [](conditions& c) { c.dark_up = false; });
+    net->dark("127.0.0.2", false);
     EXPECT_TRUE(eventually([&] { return server->carried_paths(at_server).size() == 2; }, 15s));
     exchange(200'000, 1);
     EXPECT_EQ(client->live(), 1U);
@@ -210,7 +198,7 @@ TEST_F(trouble, a_path_that_the_server_has_forgotten_does_not_end_the_connection
 }
 
 TEST_F(trouble, paths_come_and_go_while_they_carry) {
-    start_over({"127.0.0.2"}, [](conditions& c) { c.mbit = 60; });
+    start_over({"127.0.0.2"}, {.mbit = 60});
     begin_transfer(24'000'000);
     size_t mark = 500'000;
     for (int round = 0; round < 3; ++round) {
@@ -233,7 +221,7 @@ TEST_F(trouble, paths_come_and_go_while_they_carry) {
 
 // A translator of addresses forgets its table in the middle of it all.
 TEST_F(trouble, a_new_address_of_the_client_is_followed) {
-    start_over(one_path, [](conditions& c) { c.mbit = 60; });
+    start_over(one_path, {.mbit = 60});
     begin_transfer(10'000'000 / scale);
     for (int round = 1; round <= 3; ++round) {
         ASSERT_TRUE(server->received(at_server, stream, static_cast<uint64_t>(round) * 2'000'000 / scale, false));
@@ -254,10 +242,7 @@ TEST_F(trouble, a_new_address_of_the_client_is_followed) {
 }
 
 TEST_F(trouble, the_last_path_may_go_and_another_one_take_over) {
-    settings s;
-    s.linger_seconds = 2;
-    start_over(
-        one_path, [](conditions& c) { c.mbit = 60; }, s);
+    start_over(one_path, {.mbit = 60}, {.linger_seconds = 2});
     begin_transfer(10'000'000 / scale);
     ASSERT_TRUE(server->received(at_server, stream, 500'000 / scale, false));
     ASSERT_EQ(tndm_remove_path(client->instance(), "127.0.0.2"), 0);
@@ -276,15 +261,13 @@ TEST_F(trouble, the_last_path_may_go_and_another_one_take_over) {
 
 // A path whose gateway is dead from the start, and one that carries nothing yet: neither slows the good one.
 TEST_F(trouble, a_path_that_never_answers_slows_nothing) {
-    start_over(one_path, [](conditions& c) { c.mbit = 60; });
+    start_over(one_path, {.mbit = 60});
     client.reset();
     ASSERT_TRUE(server->disconnected(at_server));
     net->dark("127.0.0.3", true);
     const auto begin = clock::now();
     client = std::make_unique<client_side>();
-    ASSERT_EQ(client->start(net->port()), 0);
-    ASSERT_EQ(client->add("127.0.0.3"), 0);
-    ASSERT_EQ(client->add("127.0.0.2"), 0);
+    client->run(net->port(), {"127.0.0.3", "127.0.0.2"});
     at_client = client->connected();
     at_server = server->connected();
     begin_transfer(6'000'000 / scale);
@@ -315,9 +298,7 @@ TEST_F(trouble, both_directions_obey_the_options_and_the_schedule) {
     EXPECT_LT(sent_by_server("127.0.0.3"), most / 10);
     net->dark("127.0.0.2", true);
     download();
-    settings s;
-    s.schedule = "redundant";
-    start_over(two_paths, {}, s);
+    start_over(two_paths, {}, {.schedule = "redundant"});
     EXPECT_NE(tndm_set_schedule(client->instance(), "default"), 0) << "it has started";
     download();
     // How much of it is sent twice before the faster path has it all delivered is a matter of luck; shared, it would
