@@ -183,6 +183,7 @@ class TANDEM_API advanced_connection_context_t : public default_connection_conte
     void stop_tx(record_t inst);
     void check_and_start_txs();
     void period_check();
+    void reap_idle_peers(int64_t now);
     void task_thread_run(std::string name);
     void dynamic_connect_thread_task(record_t record);
 
@@ -275,7 +276,6 @@ class TANDEM_API advanced_connection_context_t : public default_connection_conte
     void pause_reading(const record_t& inst, const flow_marks_t& marks);
     void resume_reading(const record_t& inst);
     uint64_t unsent_bytes(uint64_t stream_id);
-    bool over_high_mark(uint64_t stream_id, const flow_marks_t& marks);
     void start_writing(const record_t& inst);
     void write_lossless(const record_t& inst, const flow_marks_t& marks);
     bool write_some(const record_t& inst, const flow_marks_t& marks);
@@ -310,6 +310,7 @@ class TANDEM_API advanced_connection_context_t : public default_connection_conte
     void read_udp_listen_lossless(const record_t& forward, int fd);
     void read_udp_lossless(const record_t& inst, int fd);
     bool send_frames(const record_t& inst);
+    bool transmit_frames(const record_t& inst);
     void await_writable(const record_t& inst, const flow_marks_t& marks);
     void send_waiting_datagrams(const record_t& inst);
     void deliver_udp_lossless(const record_t& inst, const std::shared_ptr<packet_t>& packet, int fin);

@@ -243,27 +243,28 @@ bool advanced_connection_context_t::request_close(forward_detail& record) {
 
 // What was idle too long, and what waits for the clock.
 void advanced_connection_context_t::period_check() {
-    constexpr int64_t idle_limit_us = 120000000;
     if (stopping) return;
-    {
-        std::lock_guard guard(table_lock);
-        const int64_t now = steady_time_us();
-        bool reaped = false;
-        for (const auto& [key, peer] : udp_peers) {
-            std::unique_lock record_guard(peer->lock);
-            const bool idle = now - peer->last_active_us > idle_limit_us;
-            record_guard.unlock();
-            if (idle) cleanup_socket_connection_instance(peer);
-            reaped = reaped || peer->state == STATE_CLOSED;
-        }
-        if (reaped) {
-            erase_closed(local_streams);
-            erase_closed(udp_peers);
-        }
-    }
+    reap_idle_peers(steady_time_us());
     if (!lossless()) return;
     resume_paused();
     reopen_vpn_forwards();
+}
+
+// `now`: of the steady clock, in microseconds.
+void advanced_connection_context_t::reap_idle_peers(int64_t now) {
+    constexpr int64_t idle_limit_us = 120000000;
+    std::lock_guard guard(table_lock);
+    bool reaped = false;
+    for (const auto& [key, peer] : udp_peers) {
+        std::unique_lock record_guard(peer->lock);
+        const bool idle = now - peer->last_active_us > idle_limit_us;
+        record_guard.unlock();
+        if (idle) cleanup_socket_connection_instance(peer);
+        reaped = reaped || peer->state == STATE_CLOSED;
+    }
+    if (!reaped) return;
+    erase_closed(local_streams);
+    erase_closed(udp_peers);
 }
 
 }  // namespace tandem

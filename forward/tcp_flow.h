@@ -21,6 +21,10 @@ struct flow_marks_t {
     uint64_t low = 0;
 };
 
+// With a transport that does not tell a stream's backlog: the connection's, which all instances share. Looked at twice
+// a second while reading is stopped, so it is also what half a second can carry.
+inline constexpr flow_marks_t connection_marks{8 << 20, 4 << 20};
+
 // The bounds of each direction of one instance among `instances`. 1 MiB keeps a gigabit link busy for 8 ms, far longer
 // than a writable notice takes; many instances share 32 MiB, so that a router's memory suffices, but 128 KiB (two
 // reads) is the least that an instance works well with.

@@ -19,9 +19,6 @@ constexpr uint32_t read_size = 65536;
 constexpr int most_reads = 16;
 constexpr int most_writes = 4;
 constexpr int parts_a_write = 16;
-// With a transport that does not tell a stream's backlog: the connection's, which all instances share. Looked at twice
-// a second while reading is stopped, so it is also what half a second can carry.
-constexpr flow_marks_t connection_marks{8 << 20, 4 << 20};
 
 // The further functions may be absent; they come together.
 bool knows_stream_backlog() {

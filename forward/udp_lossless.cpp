@@ -3,6 +3,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <utility>
@@ -22,6 +23,10 @@ namespace {
 constexpr int most_batches = 4;
 // What may wait unsent in the transport, where it cannot be dropped any more; newer datagrams wait here.
 constexpr flow_marks_t stream_marks{128 * 1024, 64 * 1024};
+const flow_marks_t& marks() {
+    return tndm_get_stream_backlog ? stream_marks : connection_marks;
+}
+
 // Sent at once when so many have come in, else at the end of what the transport delivers in one call.
 constexpr size_t most_held = 64;
 
@@ -127,37 +132,46 @@ bool advanced_connection_context_t::send_frames(const record_t& inst) {
         batch.clear();
         return true;
     }
-    if (!inst->flow.read_paused && unsent_bytes(inst->stream_id) < stream_marks.high) {
-        if (batch.send(transport_.load(), inst->stream_id)) return true;
-        log_message("send_frames", __LINE__,
-                    "UDP forward I/O read - ERROR! Close instance (fd=%d) since failed to send over TNDM stream "
-                    "(stream-id=%llu).\n",
-                    inst->fd, static_cast<unsigned long long>(inst->stream_id));
-        request_close(*inst);
-        return false;
-    }
+    if (!inst->outgoing && unsent_bytes(inst->stream_id) < marks().high) return transmit_frames(inst);
     if (!inst->outgoing) inst->outgoing = std::make_unique<outgoing_t>();
     batch.for_each([&](const uint8_t* body, size_t size) {
         push_datagram(inst->outgoing->packets, inst->outgoing->bytes,
                       std::make_shared<packet_t>(const_cast<uint8_t*>(body), static_cast<uint32_t>(size), false));
     });
     batch.clear();
-    await_writable(inst, stream_marks);
+    await_writable(inst, marks());
     return true;
 }
 
-// The stream has room again: what waited goes out, as far as the room reaches.
+bool advanced_connection_context_t::transmit_frames(const record_t& inst) {
+    if (frames().send(transport_.load(), inst->stream_id)) return true;
+    log_message("send_frames", __LINE__,
+                "UDP forward I/O read - ERROR! Close instance (fd=%d) since failed to send over TNDM stream "
+                "(stream-id=%llu).\n",
+                inst->fd, static_cast<unsigned long long>(inst->stream_id));
+    request_close(*inst);
+    return false;
+}
+
+// The stream has room again: what waits goes out, as far as the room reaches. Until all has, what is newly read joins
+// the end of the queue.
 void advanced_connection_context_t::send_waiting_datagrams(const record_t& inst) {
     inst->flow.read_paused = false;
     if (!inst->outgoing) return;
-    outgoing_t waiting = std::move(*inst->outgoing);
-    inst->outgoing.reset();
-    bool update_owed = false;
-    for (; !waiting.packets.empty() && !update_owed; pop_datagram(waiting.packets, waiting.bytes)) {
-        frames().add(waiting.packets.front()->data(), waiting.packets.front()->size());
-        if (frames().full()) update_owed = !send_frames(inst);
+    outgoing_t& waiting = *inst->outgoing;
+    while (!waiting.packets.empty()) {
+        const uint64_t unsent = unsent_bytes(inst->stream_id);
+        if (unsent >= marks().high) return await_writable(inst, marks());
+        uint64_t room = marks().high - unsent;
+        while (room > 0 && !waiting.packets.empty() && !frames().full()) {
+            packet_t& datagram = *waiting.packets.front();
+            frames().add(datagram.data(), datagram.size());
+            room -= std::min<uint64_t>(room, datagram.size() + 1);
+            pop_datagram(waiting.packets, waiting.bytes);
+        }
+        if (!transmit_frames(inst)) return update_forwarding();
     }
-    if (!send_frames(inst) || update_owed) update_forwarding();
+    inst->outgoing.reset();
 }
 
 // Link's thread. Datagrams of one delivery go out together.

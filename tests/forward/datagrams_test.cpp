@@ -1,4 +1,5 @@
 // UDP and tun/tap with lossless delivery: bounds of datagrams, bounded queues, nothing fatal from afar.
+#include "forward/datagram_batch.h"
 #include "tests/forward/forward_fixture.h"
 
 namespace forward_test {
@@ -49,6 +50,7 @@ TEST_F(datagrams, wait_for_a_full_stream_and_the_oldest_go_first) {
     for (int i = 0; i < 400; ++i) {
         ASSERT_EQ(transmit(client, std::to_string(1000 + i) + std::string(996, '.')), 1000);
         settle();
+        if (i == 398) context->stream_writable(stream_id);  // too early: what waits keeps its place before the last one
     }
     EXPECT_EQ(sent(stream_id).size(), before);
     EXPECT_TRUE(fake::stream(connection, stream_id).writable_requested);
@@ -60,6 +62,28 @@ TEST_F(datagrams, wait_for_a_full_stream_and_the_oldest_go_first) {
     EXPECT_LT(rest.size(), 256u << 10);
     EXPECT_EQ(rest.substr(rest.size() - 1000, 4), "1399");
     EXPECT_EQ(std::stoul(rest.substr(0, 4)), 1400 - rest.size() / 1000);
+}
+
+TEST_F(datagrams, sent_as_runs_arrive_one_by_one) {
+    std::vector<size_t> sizes(70, 100);
+    for (const size_t size : {7u, 8u, 8u, 0u, 0u, 1u, 20000u, 20000u, 20000u, 20000u, 3u})
+        sizes.push_back(size);
+    for (const int refused : {0, 1}) {
+        unsigned short port = 0, any = 0;
+        const fd_t to(context->open_udp_socket("127.0.0.1", &port)), from(context->open_udp_socket(&any));
+        setsockopt(from, SOL_SOCKET, SO_NO_CHECK, &refused, sizeof(refused));  // then the kernel cuts nothing
+        sockaddr_storage address{};
+        socklen_t length = sizeof(address);
+        getsockname(to, reinterpret_cast<sockaddr*>(&address), &length);
+        tandem::packet_queue_t queue;
+        size_t bytes = 0;
+        for (const size_t size : sizes)
+            tandem::push_datagram(queue, bytes,
+                                  std::make_shared<tandem::packet_t>(std::string(size, 'r').data(), size, false));
+        EXPECT_EQ(tandem::send_datagrams(from, queue, bytes, address), 0);
+        for (const size_t size : sizes)
+            ASSERT_EQ(receive_one(to).size(), size);
+    }
 }
 
 TEST_F(datagrams, before_the_socket_exists_are_sent_and_strangers_are_not_heard) {

@@ -44,6 +44,7 @@ class context_t : public tandem::advanced_connection_context_t {
     using base::pending_remote;
     using base::period_check;
     using base::process_tcp_listen_io_read;
+    using base::reap_idle_peers;
     using base::remote_instances;
     using base::remote_streams;
     using base::table_lock;

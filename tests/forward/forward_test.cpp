@@ -125,10 +125,9 @@ TEST_F(forwards, udp_sources_have_a_stream_each_and_datagrams_keep_their_bounds)
     EXPECT_TRUE(is_open(fd));
 
     auto peer = context->udp_peers.begin()->second;
-    for (const int64_t older_us : {119000000, 2000000}) {
+    for (const int64_t idle_us : {120000000, 120000001}) {
         EXPECT_EQ(context->udp_peers.size(), 1u);
-        peer->last_active_us -= older_us;
-        loop.hold([&] { context->period_check(); });
+        loop.hold([&] { context->reap_idle_peers(peer->last_active_us + idle_us); });
     }
     EXPECT_TRUE(context->udp_peers.empty() && context->local_streams.empty());
 

@@ -23,6 +23,23 @@ TEST_F(lossless_plain, reading_stops_while_the_connection_is_full) {
     EXPECT_EQ(sent(), frame("a") + frame("b"));
 }
 
+TEST_F(lossless_plain, datagrams_pass_beside_what_the_connection_may_hold) {
+    unsigned short port = 0;
+    udp_forward(port);
+    const fd_t client = connect_to(port, SOCK_DGRAM);
+    const uint64_t stream_id = connection->next_stream;
+    for (const auto& [queued, body] : {std::pair(7 << 20, "passes"), std::pair(9 << 20, "waits")}) {
+        connection->bytes_queued = connection->data_sent + static_cast<uint64_t>(queued);
+        ASSERT_GT(transmit(client, body), 0);
+        settle();
+    }
+    EXPECT_TRUE(sent(stream_id).ends_with(frame("passes")));
+    connection->bytes_queued = connection->data_sent + (3 << 20);
+    loop.fire_timers();
+    settle();
+    EXPECT_TRUE(sent(stream_id).ends_with(frame("waits")));
+}
+
 TEST_F(lossless_plain, a_slow_socket_loses_nothing) {
     socket_pair_t sockets = open_remote();
     const std::string big(6 << 20, 'z');
