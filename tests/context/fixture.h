@@ -10,7 +10,6 @@
 using fake::end_of_stream;
 using fake::frame;
 using fake::marker;
-using fake::printed;
 using fake::text;
 using strings = std::vector<std::string>;
 
@@ -114,6 +113,12 @@ class linked : public testing::Test {
         fake::deliver(connection_, peer_control_, marker);
         probe_->take_log();
         fake::clear_calls();
+    }
+    // Another link and its first connection.
+    void start_over() {
+        link_.destroy();
+        fake::reset();
+        connect();
     }
     void authorise() {
         connect();

@@ -33,7 +33,7 @@ TEST_F(lifetimes, force_close_from_another_thread_waits_for_the_loops_callbacks_
     EXPECT_EQ(connection_->deletions, 1);
 }
 
-TEST_F(lifetimes, a_context_that_outlives_its_link_touches_nothing_any_more) {
+TEST_F(lifetimes, a_context_may_outlive_its_link_or_do_without) {
     {
         tandem::link_t link;
         link.register_connection_context_factory(
@@ -54,9 +54,8 @@ TEST_F(lifetimes, a_context_that_outlives_its_link_touches_nothing_any_more) {
     probe_->start_status_timer();
     probe_.reset();
     EXPECT_EQ(fake::count_calls("delete_connection"), 0);
-}
 
-TEST_F(lifetimes, a_context_without_a_link_takes_its_timer_with_it) {
+    // One without any link takes its timer with it.
     fake::connection_t* c = fake::connect("tndm", fake::make_instance(true));
     {
         probe_t alone;
@@ -80,9 +79,7 @@ TEST_F(lifetimes, a_context_may_be_dropped_and_the_link_destroyed_from_a_handler
     fake::deliver(connection_, 5, frame("a") + frame("b"));
     EXPECT_TRUE(watched.expired());
 
-    link_.destroy();
-    fake::reset();
-    connect();
+    start_over();
     int packets = 0;
     probe_->on_packet = [&]() -> packet_ptr {
         if (++packets == 1) link_.destroy();
@@ -99,14 +96,11 @@ TEST_F(lifetimes, callbacks_of_an_instance_that_is_going_find_no_link_and_do_not
     link_.destroy();
     EXPECT_EQ(probe_->take_log(), strings{"stop_status_timer"});
     fake::clear_calls();
-    EXPECT_EQ(printed([&] {
-                  fake::deliver(connection_, 5, frame("x"));
-                  fake::fire_writable(connection_, 5);
-                  fake::disconnect(connection_);
-                  connection_->instance->client.statistics(connection_->instance, connection_, 1, 2, 3, 4, 5);
-                  tandem::link_t::tndm_problem(connection_->instance, 1, "late");
-              }),
-              "");
+    fake::deliver(connection_, 5, frame("x"));
+    fake::fire_writable(connection_, 5);
+    fake::disconnect(connection_);
+    connection_->instance->client.statistics(connection_->instance, connection_, 1, 2, 3, 4, 5);
+    tandem::link_t::tndm_problem(connection_->instance, 1, "late");
     EXPECT_TRUE(probe_->take_log().empty());
     EXPECT_TRUE(fake::calls().empty());
 }
@@ -133,12 +127,8 @@ TEST_F(lifetimes, a_create_that_fails_at_any_step_leaves_nothing_behind) {
             fake::reset();
             fake::fail(step);
             options_.is_server = step == "tndm_start_client" ? 0 : 1;
-            EXPECT_EQ(printed([&] {
-                          EXPECT_EQ(link_.create(options_, own_loop ? nullptr : loop_.handle()), -1);
-                          link_.destroy();
-                      }).find("[create:"),
-                      std::string::npos)
-                << step;
+            EXPECT_EQ(link_.create(options_, own_loop ? nullptr : loop_.handle()), -1) << step;
+            link_.destroy();
             EXPECT_EQ(fake::made_loop(), nullptr) << step;
             EXPECT_EQ(fake::count_calls("create_instance"), step == "tloop_create" ? 0 : 1);
             EXPECT_EQ(fake::instance() != nullptr, fake::count_calls("destroy_instance") == 1) << step;
@@ -149,25 +139,10 @@ TEST_F(lifetimes, a_create_that_fails_at_any_step_leaves_nothing_behind) {
     EXPECT_EQ(link_.create(options_, nullptr), 0) << "it may be tried again";
 }
 
-TEST_F(lifetimes, an_own_loop_is_made_run_and_freed) {
-    const std::string output = printed([&] {
-        ASSERT_EQ(link_.create(options_, nullptr), 0);
-        link_.destroy();
-    });
-    EXPECT_EQ(fake::calls().front(), "tloop_create libev 0 100000 0");
-    for (const char* line :
-         {"[tndm_instance_loop:573]TNDM Loop running... [%p]\n", "[tndm_instance_loop:575]TNDM Loop stopped. [%p]\n"}) {
-        char expected[100];
-        snprintf(expected, sizeof(expected), line, static_cast<void*>(&link_));
-        EXPECT_NE(output.find(expected), std::string::npos) << output;
-    }
-    EXPECT_EQ(fake::made_loop(), nullptr);
-    tandem::link_t::tndm_instance_loop(nullptr);
-}
-
 TEST_F(lifetimes, an_own_loops_callback_may_destroy_the_link_itself) {
     auto link = std::make_unique<tandem::link_t>();
     ASSERT_EQ(link->create(options_, nullptr), 0);
+    EXPECT_EQ(fake::calls().front(), "tloop_create libev 0 100000 0");
     st_tloop_t* loop = fake::made_loop()->handle();
     const auto destroy = [](st_tloop_t*, void*, void* user) { static_cast<decltype(link)*>(user)->reset(); };
     void* async = loop->ops->async_create(loop, destroy, &link);

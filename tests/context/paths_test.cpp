@@ -62,7 +62,7 @@ TEST_F(reporting, samples_rates_against_the_last_sample) {
     EXPECT_EQ(second.lo, 6u);
 }
 
-TEST_F(reporting, names_the_states_and_keeps_names_within_their_field) {
+TEST_F(reporting, reports_every_path_in_the_transports_order) {
     const char* const names[] = {"UNKNOWN", "IDLE", "CONNECTED", "CONNECTING", "DEAD", "UNKNOWN", "DEAD"};
     for (int32_t state = -1; state <= 5; ++state) {
         auto record = path("", state);
@@ -70,9 +70,6 @@ TEST_F(reporting, names_the_states_and_keeps_names_within_their_field) {
         sample({record});
         EXPECT_EQ(probe_->local_paths.at(std::string(128, 'x'))->state, names[state + 1]);
     }
-}
-
-TEST_F(reporting, reports_every_path_in_the_transports_order_and_nothing_without_paths) {
     EXPECT_EQ(sample({}), frame("\xA4PATH"));
     const std::string report = sample({path("b", 0), path("a", 1)});
     // Header, tag and the head of the first record, byte by byte.
