@@ -49,6 +49,7 @@ TEST_F(loop_threads, watchers_made_by_another_thread_work_and_fall_silent_when_d
         void* watch = io(pair.fd(), TLOOP_IO_READ, on_io);
         void* tick = timer(0, 20, on_timer);
         leave();
+        EXPECT_FALSE(in_loop());
         EXPECT_EQ(io_calls + timer_calls, 0);
         leave();
         ASSERT_TRUE(comes(first_io.get_future()));
@@ -62,48 +63,6 @@ TEST_F(loop_threads, watchers_made_by_another_thread_work_and_fall_silent_when_d
         if (i % 20 == 0) wait_for_a_round();
         EXPECT_EQ(io_calls, io_before);
         EXPECT_EQ(timer_calls, timer_before);
-    }
-}
-
-TEST_F(loop_threads, a_wake_up_carries_what_the_sender_wrote_to_the_one_thread_that_runs_the_loop) {
-    int letter = 0;
-    std::promise<int> read;
-    action take = [&] { read.set_value(in_loop() ? letter : -1); };
-    void* handle = async(take);
-    {
-        const runner running(*this);
-        letter = 42;
-        send(handle);
-        EXPECT_EQ(read.get_future().get(), 42);
-        enter();
-        EXPECT_FALSE(in_loop());
-        leave();
-    }
-    EXPECT_FALSE(in_loop());
-}
-
-TEST_F(loop_threads, watchers_made_while_nobody_runs_the_loop_work_for_every_thread_that_runs_it) {
-    int calls = 0;
-    std::promise<void> called;
-    action count = [&] {
-        ++calls;
-        called.set_value();
-    };
-    void* handle = nullptr;
-    std::thread([&] {
-        enter();
-        handle = async(count);
-        EXPECT_FALSE(in_loop());
-        leave();
-    }).join();
-    for (int i = 1; i <= 3; ++i) {
-        called = {};
-        send(handle);
-        {
-            const runner running(*this);
-            ASSERT_TRUE(comes(called.get_future()));
-        }
-        EXPECT_EQ(calls, i);
     }
 }
 
