@@ -112,36 +112,20 @@ void carrier::received(const packet& arrived, instant now) {
 
 // False for a duplicate.
 bool carrier::note_arrival(uint64_t number, instant now) {
-    if (number < floor_) {
+    if (number < floor_ || arrived_.contains(number)) {
         return false;
     }
-    auto after = std::upper_bound(arrived_.begin(), arrived_.end(), number,
-                                  [](uint64_t value, const core::range& r) { return value < r.begin; });
-    const bool newest = after == arrived_.end();
-    const bool joins_before = after != arrived_.begin() && std::prev(after)->end >= number;
-    if (joins_before && std::prev(after)->end > number) {
-        return false;
+    const bool in_order = number == expected_;
+    arrived_.add({number, number + 1});
+    if (arrived_.count() > ranges_kept) {
+        floor_ = arrived_.end_of_run(arrived_.front().begin);
+        arrived_.drop_below(floor_);
     }
-    const bool joins_after = !newest && after->begin == number + 1;
-    if (joins_before && joins_after) {
-        std::prev(after)->end = after->end;
-        arrived_.erase(after);
-    } else if (joins_before) {
-        ++std::prev(after)->end;
-    } else if (joins_after) {
-        --after->begin;
-    } else {
-        arrived_.insert(after, {number, number + 1});
-    }
-    if (arrived_.size() > ranges_kept) {
-        floor_ = arrived_.front().end;
-        arrived_.erase(arrived_.begin());
-    }
-    if (newest) {
+    if (number >= expected_) {
+        expected_ = number + 1;
         newest_at_ = now;
     }
     ++unacknowledged_;
-    const bool in_order = newest && (joins_before || number == 0);
     ack_at_ = unacknowledged_ >= 2 || !in_order ? now : std::min(ack_at_, now + max_ack_delay);
     return true;
 }
@@ -150,8 +134,16 @@ void carrier::add_acknowledgement(packet& to, instant now) {
     if (unacknowledged_ == 0) {
         return;
     }
-    const size_t told = std::min(ranges_told, arrived_.size());
-    to.acked.assign(arrived_.rbegin(), arrived_.rbegin() + static_cast<ptrdiff_t>(told));
+    // What lies between the holes, the newest first.
+    const auto holes = arrived_.missing_from({floor_, expected_});
+    uint64_t end = expected_;
+    for (auto hole = holes.rbegin(); hole != holes.rend() && to.acked.size() < ranges_told; ++hole) {
+        to.acked.push_back({hole->end, end});
+        end = hole->begin;
+    }
+    if (end > floor_ && to.acked.size() < ranges_told) {
+        to.acked.push_back({floor_, end});
+    }
     to.ack_delay = now - newest_at_;
     unacknowledged_ = 0;
     ack_at_ = core::never;

@@ -29,7 +29,6 @@ class carrier {
     carrier(uint32_t connection, core::bundle& owner, core::lane_id lane, const carrier_settings& settings,
             std::function<void(packet&&)> transmit, uint64_t seed);
 
-    core::lane_id lane() const { return lane_; }
     uint32_t connection() const { return connection_; }
 
     void received(const packet& arrived, instant now);
@@ -40,7 +39,6 @@ class carrier {
     // Makes the peer answer.
     void ping(instant now);
 
-    uint64_t packets_sent() const { return next_number_; }
     // The first thing that the bundle did and must not do; empty when there is none.
     const std::string& complaint() const { return complaint_; }
 
@@ -92,8 +90,9 @@ class carrier {
     duration shortest_ = duration::max();
 
     // Receiving.
-    std::vector<core::range> arrived_;  // ascending, disjoint
-    uint64_t floor_ = 0;                // older ones are not told apart any more
+    core::range_set arrived_;
+    uint64_t floor_ = 0;     // older ones are not told apart any more
+    uint64_t expected_ = 0;  // one past the newest
     unsigned unacknowledged_ = 0;
     instant newest_at_{};
     instant ack_at_ = core::never;

@@ -45,7 +45,6 @@ std::optional<instant> link::carry(const packet& carried, instant now) {
         free_at_ = start + on_wire;
     }
     if (taken) {
-        ++lost_;
         return std::nullopt;
     }
     const auto jitter = static_cast<uint64_t>(settings_.jitter.count());

@@ -60,12 +60,9 @@ class link {
     const link_settings& settings() const { return settings_; }
     // Bytes put on the wire so far, lost ones included.
     uint64_t bytes_carried() const { return bytes_carried_; }
-    void set_loss(double loss) { settings_.loss = loss; }
 
     // A test's own hand on single packets: the delay to add to it, or nothing to lose it.
     std::function<std::optional<duration>(const packet&)> hand;
-
-    uint64_t packets_lost() const { return lost_; }
 
   private:
     bool unlucky();
@@ -75,7 +72,6 @@ class link {
     dice dice_;
     instant free_at_{};
     uint64_t era_ = 0;
-    uint64_t lost_ = 0;
     bool dark_ = false;
     bool in_burst_ = false;
 };

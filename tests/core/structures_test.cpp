@@ -1,11 +1,9 @@
-// The set of ranges against a model too simple to be wrong, and headers against what was put into them.
+// The set of ranges against a model too simple to be wrong.
 #include <gtest/gtest.h>
 
-#include <tuple>
 #include <vector>
 
 #include "platform/tndm/core/range_set.h"
-#include "platform/tndm/core/wire.h"
 #include "tests/core/random.h"
 
 namespace tndm::core {
@@ -26,20 +24,22 @@ TEST(range_set, does_what_a_set_of_single_offsets_does) {
         dice d(seed);
         range_set ranges;
         std::vector<bool> model(260);
+        const auto fill = [&](uint64_t begin, uint64_t end, bool value) {
+            std::fill(model.begin() + static_cast<ptrdiff_t>(begin), model.begin() + static_cast<ptrdiff_t>(end),
+                      value);
+        };
         for (int step = 0; step < 500; ++step) {
             const range r = random_range(d, 200, d.chance(0.1) ? 60 : 8);
             const uint64_t what = d.below(20);
             if (what < 11) {
                 ranges.add(r);
-                std::fill(model.begin() + static_cast<ptrdiff_t>(r.begin),
-                          model.begin() + static_cast<ptrdiff_t>(r.end), true);
+                fill(r.begin, r.end, true);
             } else if (what < 19) {
                 ranges.subtract(r);
-                std::fill(model.begin() + static_cast<ptrdiff_t>(r.begin),
-                          model.begin() + static_cast<ptrdiff_t>(r.end), false);
+                fill(r.begin, r.end, false);
             } else {
                 ranges.drop_below(r.begin / 4);
-                std::fill(model.begin(), model.begin() + static_cast<ptrdiff_t>(r.begin / 4), false);
+                fill(0, r.begin / 4, false);
             }
             std::vector<range> runs;
             for (uint64_t i = 0; i < model.size(); ++i) {
@@ -64,32 +64,6 @@ TEST(range_set, does_what_a_set_of_single_offsets_does) {
                 ASSERT_EQ(missing[i], i >= whole.begin && i < whole.end && !model[i]) << i;
             }
         }
-    }
-}
-
-TEST(wire, every_header_reads_back_as_it_was_written) {
-    dice d(5);
-    for (int i = 0; i < 20'000; ++i) {
-        const auto number = [&d] { return d.roll() >> d.between(2, 63); };
-        wire::chunk chunk{number(), number() / 2, d.chance(0.5), std::nullopt, {}};
-        if (d.chance(0.5)) {
-            chunk.first = wire::preface{number(), number()};
-        }
-        const wire::header head = wire::header::of(chunk);
-        ASSERT_LE(head.size(), wire::header::max_size);
-        const auto back = std::get<wire::chunk>(wire::decode(head.bytes()).value());
-        ASSERT_EQ(std::tuple(back.stream, back.offset, back.last, back.first.has_value()),
-                  std::tuple(chunk.stream, chunk.offset, chunk.last, chunk.first.has_value()));
-        if (chunk.first) {
-            ASSERT_EQ(std::pair(back.first->stream, back.first->length),
-                      std::pair(chunk.first->stream, chunk.first->length));
-        }
-        const wire::stream_window grant{number(), number()};
-        const auto granted = std::get<wire::stream_window>(wire::decode(wire::header::of(grant).bytes()).value());
-        ASSERT_EQ(std::pair(granted.stream, granted.limit), std::pair(grant.stream, grant.limit));
-        const uint64_t stopped = number();
-        ASSERT_EQ(std::get<wire::stop>(wire::decode(wire::header::of(wire::stop{stopped}).bytes()).value()).stream,
-                  stopped);
     }
 }
 
