@@ -66,55 +66,6 @@ TEST_F(blackout, of_one_path_of_two_stops_the_stream_only_briefly) {
     }
 }
 
-TEST_F(blackout, of_any_kind_is_survived) {
-    options forgetful = rate_based(4);
-    forgetful.carriers.forgets = 0.5;
-    const std::vector<link_settings> both{fast, slow};
-    const struct {
-        const char* what;
-        std::vector<link_settings> paths;
-        options how;
-        std::function<void()> trouble;
-    } rows[] = {
-        // One end sees a silent peer, the other silent acknowledgements.
-        {"one direction only", both, rate_based(2),
-         [&] {
-             sim().back(0).set_dark(true);
-             run_for(3s);
-             sim().back(0).set_dark(false);
-         }},
-        {"for ever", both, rate_based(3), [&] { sim().go_dark(0); }},
-        {"losses are forgotten",
-         {fast},
-         forgetful,
-         [&] {
-             sim().go_dark(0);
-             run_for(1s);
-             sim().come_back(0);
-         }},
-        // The next darkness begins while the last one's debts are being paid.
-        {"again and again", both, rate_based(6),
-         [&] {
-             for (size_t round = 0; round < 12; ++round) {
-                 sim().go_dark(round % 3 == 0 ? 1 : 0);
-                 run_for(310ms);
-                 sim().come_back(round % 3 == 0 ? 1 : 0);
-                 run_for(270ms);
-             }
-         }},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        start(row.paths, row.how);
-        send(client(), 0, 10'000'000, true);
-        send(server(), 1, 5'000'000, true);
-        run_for(500ms);
-        row.trouble();
-        run_until_done(20s);
-        expect_intact();
-    }
-}
-
 // Nobody may be kept busy by a path that is gone: an end wakes a few dozen times a second at most.
 TEST_F(blackout, does_not_keep_a_driver_spinning) {
     options o;

@@ -51,19 +51,6 @@ TEST_F(stream, what_was_queued_first_is_delivered_first_although_just_that_is_lo
     }
 }
 
-// Streams that wait behind the first one must not use up the window that it needs.
-TEST_F(stream, a_first_stream_larger_than_every_window_still_comes_first) {
-    start({{.mbit = 400, .delay = 10ms, .loss = 0.01}}, with_window(1'500'000));
-    send(client(), 0, 10 * megabyte);
-    for (uint64_t id = 4; id <= 32; id += 4) {
-        send(client(), id, 2 * megabyte, true);
-    }
-    send(client(), 0, megabyte, true);
-    run_until_done(30s);
-    expect_intact();
-    expect_first(server(), 0, 10 * megabyte);
-}
-
 TEST_F(stream, a_first_stream_without_bytes_holds_nobody_back) {
     start({{.loss = 0.3}});
     sim().finish(client(), 0);
@@ -151,24 +138,6 @@ TEST_F(stream, small_ones_take_turns_with_a_large_one) {
     EXPECT_LT(*ends.rbegin() - *ends.begin(), 100ms) << "equal streams end together";
     run_until_done(20s);
     expect_intact();
-}
-
-TEST_F(stream, an_end_without_bytes_needs_no_window) {
-    options o;
-    o.server.stream_window = 1000;
-    o.server.stream_window_max = 1000;
-    start({{}}, o);
-    send(client(), 0, 10);
-    run_until_done(1s);
-    sim().pause(server(), 0, true);
-    send(client(), 0, 990);
-    send(client(), 4, 1);
-    sim().finish(client(), 0);
-    run_for(500ms);
-    sim().pause(server(), 0, false);
-    run_until_done(1s);
-    expect_intact();
-    EXPECT_TRUE(server().received[0].ended);
 }
 
 }  // namespace

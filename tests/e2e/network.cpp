@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <random>
 #include <stdexcept>
 
 #include "tests/e2e/process.h"
@@ -18,6 +19,8 @@ namespace tandem::test {
 namespace {
 
 constexpr size_t piece = 64 * 1024;
+// Bytes that both ends can make for themselves from a seed.
+using pattern_t = std::independent_bits_engine<std::mt19937_64, 8, uint64_t>;
 
 void set_patience(int fd) {
     const timeval limit{patience.count(), 0};
@@ -43,25 +46,6 @@ uint16_t port_of(int fd) {
 }
 
 }  // namespace
-
-uint8_t pattern_t::next() {
-    if (left_ == 0) {
-        state_ ^= state_ >> 12;
-        state_ ^= state_ << 25;
-        state_ ^= state_ >> 27;
-        word_ = state_ * 0x2545f4914f6cdd1dU;
-        left_ = 8;
-    }
-    const auto byte = static_cast<uint8_t>(word_);
-    word_ >>= 8;
-    --left_;
-    return byte;
-}
-
-void pattern_t::fill(std::vector<uint8_t>& out) {
-    for (uint8_t& byte : out)
-        byte = next();
-}
 
 app::file_t listen_tcp(uint16_t& port) {
     app::file_t file(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
@@ -178,7 +162,7 @@ std::string exchange(int fd, uint64_t seed, const std::function<uint64_t()>& roo
         std::vector<uint8_t> out;
         while (const uint64_t bytes = room()) {
             out.resize(std::min<uint64_t>(bytes, piece));
-            pattern.fill(out);
+            std::generate(out.begin(), out.end(), [&] { return static_cast<uint8_t>(pattern()); });
             if (!write_all(fd, out.data(), out.size())) return;
             sent += out.size();
         }
@@ -190,7 +174,7 @@ std::string exchange(int fd, uint64_t seed, const std::function<uint64_t()>& roo
     for (ssize_t got; fault.empty() && (got = recv(fd, buffer.data(), buffer.size(), 0)) != 0;) {
         if (got < 0) fault = "failed after " + std::to_string(total) + " bytes: " + strerror(errno);
         for (ssize_t i = 0; i < got && fault.empty(); ++i, ++total) {
-            if (buffer[static_cast<size_t>(i)] != pattern.next()) fault = "differs at byte " + std::to_string(total);
+            if (buffer[static_cast<size_t>(i)] != pattern()) fault = "differs at byte " + std::to_string(total);
         }
         progress(total);
     }

@@ -12,19 +12,6 @@
 
 namespace tandem::test {
 
-// A stream of bytes that both ends can make for themselves from a seed.
-class pattern_t {
-  public:
-    explicit pattern_t(uint64_t seed) : state_(seed * 0x9e3779b97f4a7c15U + 1) {}
-    uint8_t next();
-    void fill(std::vector<uint8_t>& out);
-
-  private:
-    uint64_t state_;
-    uint64_t word_ = 0;
-    unsigned left_ = 0;
-};
-
 // Sockets block, and give up after `patience`, so that a stall is a failure and not a hang.
 app::file_t listen_tcp(uint16_t& port);
 app::file_t connect_tcp(uint16_t port);

@@ -195,25 +195,6 @@ TEST_F(handshake, alpn_must_match_when_the_server_has_one) {
     EXPECT_NE(error.find("ALPN"), std::string::npos) << error;
 }
 
-TEST_F(handshake, only_the_two_ends_know_the_exported_bytes) {
-    const auto export_from = [](const quic_end& end, std::string_view label, std::string_view context) {
-        std::vector<uint8_t> out(32);
-        const std::span bytes(reinterpret_cast<const uint8_t*>(context.data()), context.size());
-        EXPECT_TRUE(end.tls().exporter(label, bytes, out));
-        return out;
-    };
-    const auto one = connected();
-    const auto two = connected();
-    const auto bytes = export_from(one->client, "label", "context");
-    EXPECT_EQ(bytes, export_from(*one->server, "label", "context"));
-    EXPECT_NE(bytes, export_from(one->client, "other", "context"));
-    EXPECT_NE(bytes, export_from(one->client, "label", "other"));
-    EXPECT_NE(bytes, export_from(two->client, "label", "context"));
-
-    uint8_t out[32];
-    EXPECT_FALSE(client("insecure:yes")->exporter("label", {}, out));
-}
-
 TEST_F(handshake, agrees_on_what_was_asked_for) {
     const auto pair = connected();
     const gnutls_session_t session = pair->server->tls().handle();

@@ -157,7 +157,6 @@ class side {
     std::vector<std::pair<void*, uint64_t>> writable;
     std::vector<std::pair<int, std::string>> problems;
     std::vector<figures> statistics;
-    std::vector<std::string> created_paths;
 
   protected:
     // Puts the callbacks that both kinds have into their record.

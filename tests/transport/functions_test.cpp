@@ -145,19 +145,6 @@ TEST_F(functions, problems_are_told_by_their_kind) {
     EXPECT_EQ(server->live(), 1U);
 }
 
-// A path whose socket cannot be had now is asked for again, and joins when it can be had.
-TEST_F(functions, a_path_without_a_socket_is_tried_again) {
-    start(one_path);
-    ASSERT_EQ(client->add("203.0.113.1"), 0);  // not an address of this machine
-    EXPECT_TRUE(client->wait(
-        [&] { return std::count(client->created_paths.begin(), client->created_paths.end(), "203.0.113.1") >= 3; }));
-    EXPECT_TRUE(eventually([&] {
-        const auto listed = client->paths(at_client);
-        return listed.size() == 2 && listed[1].state == TNDM_PATH_DEAD;
-    }));
-    exchange(100'000, 1);
-}
-
 TEST_F(functions, a_closed_connection_is_told_to_the_peer_and_made_again) {
     start(one_path);
     const auto content = random_content(200'000, 3);

@@ -197,28 +197,6 @@ TEST_F(trouble, a_path_that_the_server_has_forgotten_does_not_end_the_connection
     EXPECT_EQ(client->look([&] { return client->established.size(); }), 1U);
 }
 
-TEST_F(trouble, paths_come_and_go_while_they_carry) {
-    start_over({"127.0.0.2"}, {.mbit = 60});
-    begin_transfer(24'000'000);
-    size_t mark = 500'000;
-    for (int round = 0; round < 3; ++round) {
-        const std::string joining = round % 2 == 0 ? "127.0.0.3" : "127.0.0.2";
-        const std::string leaving = round % 2 == 0 ? "127.0.0.2" : "127.0.0.3";
-        ASSERT_TRUE(server->received(at_server, stream, mark, false));
-        ASSERT_EQ(client->add(joining), 0);
-        ASSERT_TRUE(eventually([&] { return server->carried_paths(at_server).size() == 2; }));
-        mark = arrived() + 500'000;
-        ASSERT_TRUE(server->received(at_server, stream, mark, false));
-        ASSERT_EQ(tndm_remove_path(client->instance(), leaving.c_str()), 0);
-        ASSERT_TRUE(eventually([&] {
-            const auto left = server->carried_paths(at_server);
-            return left.size() == 1 && left[0].name == joining;
-        }));
-        mark = arrived() + 500'000;
-    }
-    expect_intact();
-}
-
 // A translator of addresses forgets its table in the middle of it all.
 TEST_F(trouble, a_new_address_of_the_client_is_followed) {
     start_over(one_path, {.mbit = 60});
