@@ -51,21 +51,6 @@ TEST_F(stream, what_was_queued_first_is_delivered_first_although_just_that_is_lo
     }
 }
 
-TEST_F(stream, a_first_stream_without_bytes_holds_nobody_back) {
-    start({{.loss = 0.3}});
-    sim().finish(client(), 0);
-    send(client(), 4, 1000, true);
-    run_until_done(5s);
-    expect_intact();
-    start({{}});
-    send(client(), 0, 0);
-    send(client(), 4, 1000, true);
-    EXPECT_TRUE(sim().run_until([&] { return server().received[4].ended; }, 1s));
-    send(client(), 0, 10, true);
-    run_until_done(1s);
-    expect_intact();
-}
-
 TEST_F(stream, paused_holds_a_bounded_amount_and_the_others_go_on) {
     start({{.mbit = 200, .delay = 10ms}}, with_window(700'000));
     send(client(), 0, 1000);

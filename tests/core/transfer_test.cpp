@@ -129,5 +129,33 @@ TEST_F(transfer, an_idle_connection_sends_only_heartbeats) {
     expect_intact();
 }
 
+// What a carrier says of datagrams that were never sent, are settled or belong to a lane that is gone changes nothing.
+TEST_F(transfer, strange_news_is_ignored) {
+    start({{.mbit = 50, .delay = 10ms}});
+    send(client(), 0, 2'000'000, true);
+    dice d(9);
+    const instant end = after(1s);
+    while (sim().now() < end) {
+        run_for(5ms);
+        core::bundle& b = client().bundle;
+        const uint64_t next = b.next_id(0);
+        b.lost(0, next + d.below(10), sim().now());
+        b.acknowledged(0, next + d.below(10), sim().now());
+        b.acknowledged(0, core::wire::varint_max, sim().now());
+        b.lost(7, d.below(100), sim().now());
+        b.acknowledged(7, d.below(100), sim().now());
+        b.set_rtt(7, 1ms, 1ms);
+        b.probe_refused(7, sim().now());
+        b.remove_lane(7, sim().now());
+        EXPECT_FALSE(b.next(7, 1200, sim().now()));
+        EXPECT_FALSE(b.probe_copy(7, 1200));
+        b.sent(7, core::bundle::probe(), sim().now());
+        // Lost although it may be acknowledged or lost already: at worst it is sent twice.
+        b.lost(0, d.below(next + 1), sim().now());
+    }
+    run_until_done(10s);
+    expect_intact();
+}
+
 }  // namespace
 }  // namespace tndm::sim
