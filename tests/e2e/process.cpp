@@ -6,14 +6,11 @@
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <cstdlib>
-#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -148,24 +145,6 @@ std::string run(const std::vector<std::string>& args, int expected_code) {
         command += arg + " ";
     EXPECT_EQ(process.wait(), expected_code) << command << "\n" << output << process.errors();
     return output;
-}
-
-scratch_t::scratch_t() {
-    std::string pattern = std::filesystem::temp_directory_path() / "tandem-test.XXXXXX";
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no directory " + pattern);
-    directory_ = pattern;
-}
-
-scratch_t::~scratch_t() {
-    std::error_code ignored;
-    std::filesystem::remove_all(directory_, ignored);
-}
-
-std::string scratch_t::write(const std::string& name, const std::string& content, mode_t mode) const {
-    std::string file = path(name);
-    std::ofstream(file, std::ios::binary) << content;
-    chmod(file.c_str(), mode);
-    return file;
 }
 
 std::string read_file(const std::string& path) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "app/file.h"
+#include "tests/common/scratch.h"
 
 namespace tandem::test {
 
@@ -56,22 +57,6 @@ bool comes_true(const std::function<bool()>& condition, std::chrono::millisecond
 
 // Runs a program to its end; fails the test when that is not its exit code.
 std::string run(const std::vector<std::string>& args, int expected_code = 0);
-
-// A directory that is removed with all its content.
-class scratch_t {
-  public:
-    scratch_t();
-    scratch_t(const scratch_t&) = delete;
-    scratch_t& operator=(const scratch_t&) = delete;
-    ~scratch_t();
-
-    std::string path(const std::string& name) const { return directory_ + "/" + name; }
-    // Writes a file with this mode and returns its path.
-    std::string write(const std::string& name, const std::string& content, mode_t mode = 0600) const;
-
-  private:
-    std::string directory_;
-};
 
 std::string read_file(const std::string& path);
 size_t count_lines(const std::string& text);

@@ -9,36 +9,23 @@
 #include <string>
 #include <vector>
 
+#include "tests/common/scratch.h"
+
 namespace tndm {
 
-class temporary_folder {
-  public:
-    temporary_folder();
-    ~temporary_folder();
-    temporary_folder(const temporary_folder&) = delete;
-    temporary_folder& operator=(const temporary_folder&) = delete;
-    /* Writes a file and returns its path. */
-    std::string write(const std::string& name, const std::string& content) const;
-    std::string path(const std::string& name) const { return path_ + "/" + name; }
-
-  private:
-    std::string path_;
-};
+using temporary_folder = tandem::test::scratch_t;
 
 class private_key {
   public:
     explicit private_key(gnutls_pk_algorithm_t algorithm = GNUTLS_PK_ECDSA);
-    ~private_key();
-    private_key(const private_key&) = delete;
-    private_key& operator=(const private_key&) = delete;
-    gnutls_x509_privkey_t handle() const { return handle_; }
+    gnutls_x509_privkey_t handle() const { return handle_.get(); }
     /* The algorithm's traditional encoding. */
     std::string pem() const;
     /* PKCS #8, encrypted unless the password is empty. */
     std::string pem_pkcs8(const std::string& password = "") const;
 
   private:
-    gnutls_x509_privkey_t handle_;
+    std::unique_ptr<gnutls_x509_privkey_int, decltype(&gnutls_x509_privkey_deinit)> handle_;
 };
 
 struct certificate_wish {
@@ -55,13 +42,10 @@ class certificate {
     /* Signed by `issuer` with its key, or by itself. */
     certificate(const private_key& key, const certificate_wish& wish, const certificate* issuer = nullptr,
                 const private_key* issuer_key = nullptr);
-    ~certificate();
-    certificate(const certificate&) = delete;
-    certificate& operator=(const certificate&) = delete;
     std::string pem() const;
 
   private:
-    gnutls_x509_crt_t handle_;
+    std::unique_ptr<gnutls_x509_crt_int, decltype(&gnutls_x509_crt_deinit)> handle_;
 };
 
 }  // namespace tndm
