@@ -276,6 +276,7 @@ class TANDEM_API advanced_connection_context_t : public default_connection_conte
     void pause_reading(const record_t& inst, const flow_marks_t& marks);
     void resume_reading(const record_t& inst);
     uint64_t unsent_bytes(uint64_t stream_id);
+    uint64_t unsent_of_connection();
     void start_writing(const record_t& inst);
     void write_lossless(const record_t& inst, const flow_marks_t& marks);
     bool write_some(const record_t& inst, const flow_marks_t& marks);

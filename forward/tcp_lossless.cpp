@@ -86,8 +86,12 @@ void advanced_connection_context_t::resume_reading(const record_t& inst) {
 }
 
 uint64_t advanced_connection_context_t::unsent_bytes(uint64_t stream_id) {
+    if (knows_stream_backlog()) return tndm_get_stream_backlog(transport_.load(), stream_id);
+    return unsent_of_connection();
+}
+
+uint64_t advanced_connection_context_t::unsent_of_connection() {
     void* const to = transport_.load();
-    if (knows_stream_backlog()) return tndm_get_stream_backlog(to, stream_id);
     const uint64_t sent = tndm_get_data_sent(to);
     const uint64_t queued = tndm_get_bytes_queued(to);
     return queued > sent ? queued - sent : 0;

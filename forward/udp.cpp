@@ -17,6 +17,9 @@ namespace tandem {
 namespace {
 
 constexpr uint32_t datagram_size = 65536;
+// Sources that one connection may have with lossless delivery: an address is easily forged, and each source costs both
+// sides some KiB until it has been idle for long.
+constexpr size_t most_peers = 16384;
 
 ssize_t receive(int fd, packet_t& packet, sockaddr_storage& from) {
     socklen_t length = sizeof(from);
@@ -111,6 +114,7 @@ advanced_connection_context_t::record_t advanced_connection_context_t::find_udp_
         std::lock_guard guard(table_lock);
         const auto found = udp_peers.find(key);
         if (found != udp_peers.end()) return found->second;
+        if (lossless() && udp_peers.size() >= most_peers) return nullptr;
     }
     char address[128] = "";
     t_format_sockaddr_with_port(&from, address, sizeof(address));

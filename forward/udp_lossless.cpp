@@ -27,6 +27,11 @@ const flow_marks_t& marks() {
     return tndm_get_stream_backlog ? stream_marks : connection_marks;
 }
 
+// When so much of the connection is unsent (many sources, a path in darkness), a flow that has more than a little of it
+// loses what it sends: sources are easily forged.
+constexpr uint64_t most_unsent = 32 << 20;
+constexpr uint64_t a_little = 4096;
+
 // Sent at once when so many have come in, else at the end of what the transport delivers in one call.
 constexpr size_t most_held = 64;
 
@@ -132,7 +137,12 @@ bool advanced_connection_context_t::send_frames(const record_t& inst) {
         batch.clear();
         return true;
     }
-    if (!inst->outgoing && unsent_bytes(inst->stream_id) < marks().high) return transmit_frames(inst);
+    const uint64_t unsent = unsent_bytes(inst->stream_id);
+    if (unsent >= a_little && unsent_of_connection() >= most_unsent) {
+        batch.clear();
+        return true;
+    }
+    if (!inst->outgoing && unsent < marks().high) return transmit_frames(inst);
     if (!inst->outgoing) inst->outgoing = std::make_unique<outgoing_t>();
     batch.for_each([&](const uint8_t* body, size_t size) {
         push_datagram(inst->outgoing->packets, inst->outgoing->bytes,

@@ -64,6 +64,32 @@ TEST_F(datagrams, wait_for_a_full_stream_and_the_oldest_go_first) {
     EXPECT_EQ(std::stoul(rest.substr(0, 4)), 1400 - rest.size() / 1000);
 }
 
+TEST_F(datagrams, of_more_sources_than_are_taken_are_dropped) {
+    unsigned short port = 0;
+    udp_forward(port);
+    for (int i = 0; i < 16383; ++i)
+        context->udp_peers[std::to_string(i)] = std::make_shared<context_t::forward_detail>();
+    const fd_t last(connect_to(port, SOCK_DGRAM)), over(connect_to(port, SOCK_DGRAM));
+    for (const int source : {int{last}, int{over}, int{last}})
+        ASSERT_EQ(transmit(source, "x"), 1);
+    settle();
+    EXPECT_EQ(context->udp_peers.size(), 16384u);
+    const uint64_t stream_id = connection->next_stream - 4;
+    EXPECT_TRUE(sent(stream_id).ends_with(frame("x") + frame("x")));
+
+    // Much waits on the connection: who has little of that is heard, who has more is not.
+    connection->bytes_queued = connection->data_sent + (33 << 20);
+    for (const uint64_t backlog : {4095, 4096}) {
+        fake::set_backlog(connection, stream_id, backlog);
+        ASSERT_EQ(transmit(last, std::to_string(backlog)), 4);
+        settle();
+    }
+    fake::set_backlog(connection, stream_id, 0);
+    context->stream_writable(stream_id);
+    settle();
+    EXPECT_TRUE(sent(stream_id).ends_with(frame("x") + frame("4095")));
+}
+
 TEST_F(datagrams, sent_as_runs_arrive_one_by_one) {
     std::vector<size_t> sizes(70, 100);
     for (const size_t size : {7u, 8u, 8u, 0u, 0u, 1u, 20000u, 20000u, 20000u, 20000u, 3u})
