@@ -21,6 +21,8 @@ import tunnels
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 ALPN = "tndm"
 REST_SECONDS = 60
+# The whole crowd is one client, which comes faster than one client may by default.
+LIMITS = ["rate=50000", "total-rate=50000"]
 
 
 def arguments():
@@ -168,6 +170,7 @@ def main():
             directory = pathlib.Path(work) / part.__name__
             directory.mkdir()
             tandem = tunnels.Tandem(directory, target.port)
+            tandem.limits = LIMITS
             try:
                 tandem.start()
                 part(tandem, chosen)

@@ -138,6 +138,7 @@ class Tandem(Tunnel):
     program = None
     congestion = None
     option = "tcp"
+    limits = []
 
     def start(self):
         if not self.program.is_file():
@@ -151,7 +152,8 @@ class Tandem(Tunnel):
         link = ["--secret", secret] + (["--congestion", self.congestion] if self.congestion else [])
         log = self.spawn("server.out", self.program, "server", "--cert", self.directory / "cert/cert.pem",
                          "--key", self.directory / "cert/key.pem", "--listen", str(self.link_port),
-                         "--allow", "* * 127.0.0.1 *", "--log", self.directory / "server.log", *link)
+                         "--allow", "* * 127.0.0.1 *", "--log", self.directory / "server.log", *link,
+                         *(word for limit in self.limits for word in ("--limit", limit)))
         self.wait_for_line("^listening ", log)
         paths = [word for path in self.paths for word in ("--path", path)]
         log = self.spawn("client.out", self.program, "client", f"127.0.0.1:{self.link_port}", "--trust", pin, *paths,
