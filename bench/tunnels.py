@@ -19,9 +19,9 @@ class Failure(Exception):
     """A tunnel could not be started or has ended."""
 
 
-def free_port():
-    with socket.socket() as probe:
-        probe.bind(("127.0.0.1", 0))
+def free_port(kind=socket.SOCK_STREAM):
+    with socket.socket(socket.AF_INET, kind) as probe:
+        probe.bind(("", 0))
         return probe.getsockname()[1]
 
 
@@ -148,7 +148,7 @@ class Tandem(Tunnel):
         secret = self.directory / "secret"
         secret.write_text(os.urandom(24).hex() + "\n")
         secret.chmod(0o600)
-        self.link_port = free_port()
+        self.link_port = free_port(socket.SOCK_DGRAM)
         link = ["--secret", secret] + (["--congestion", self.congestion] if self.congestion else [])
         log = self.spawn("server.out", self.program, "server", "--cert", self.directory / "cert/cert.pem",
                          "--key", self.directory / "cert/key.pem", "--listen", str(self.link_port),

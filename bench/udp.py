@@ -8,6 +8,7 @@ import argparse
 import json
 import os
 import pathlib
+import socket
 import statistics
 import subprocess
 import sys
@@ -29,7 +30,7 @@ class Socat(tunnels.Tunnel):
     name = "socat"
 
     def start(self):
-        self.port = free_udp_port()
+        self.port = tunnels.free_port(socket.SOCK_DGRAM)
         log = self.spawn("socat.log", "socat", f"UDP4-LISTEN:{self.port},bind=127.0.0.1,fork,reuseaddr",
                          f"UDP4:127.0.0.1:{self.target_port}")
         self.wait_for(lambda: bound(self.port), log)
@@ -40,19 +41,12 @@ class Relay(tunnels.Tunnel):
     program = None
 
     def start(self):
-        self.port = free_udp_port()
+        self.port = tunnels.free_port(socket.SOCK_DGRAM)
         log = self.spawn("relay.log", self.program, "relay", str(self.port), str(self.target_port))
         self.wait_for(lambda: bound(self.port), log)
 
 
 ALL = {"tandem": TandemUdp, "socat": Socat, "relay": Relay}
-
-
-def free_udp_port():
-    import socket
-    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
-        probe.bind(("127.0.0.1", 0))
-        return probe.getsockname()[1]
 
 
 def bound(port):
@@ -91,7 +85,7 @@ class Bench:
 
     def with_tunnel(self, key, measure):
         """A fresh tunnel for every measurement: none inherits the queues of the one before."""
-        target = free_udp_port()
+        target = tunnels.free_port(socket.SOCK_DGRAM)
         with tempfile.TemporaryDirectory(dir=self.work) as directory:
             tunnel = ALL[key](pathlib.Path(directory), target)
             try:
