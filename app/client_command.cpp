@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <memory>
 #include <optional>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -72,6 +73,7 @@ class client_t : public client_observer_t {
     void on_authorized() override;
     void on_refused(int code, const std::string& message) override;
     void on_disconnected(bool was_authorized) override;
+    void on_vpn_answered(int fd, bool carries) override;
     void on_problem(int problem, const std::string& text);
     void fail(const std::string& line);
     void say(const std::string& line) const;
@@ -81,15 +83,16 @@ class client_t : public client_observer_t {
     const client_command_t& command_;
     const standard_streams_t& streams_;
     const identity_t identity_;
+    // Each ends before what its callbacks use, the link first.
+    main_loop_t loop_;
+    std::unique_ptr<watch_t> watch_;  // null when it was not asked for
     client_forwards_t forwards_;
     const client_context_t::guard_t guard_;
     bool was_authorized_ = false;    // ever
     bool reported_problem_ = false;  // since the last time that the server let us in
     bool stopping_ = false;
     std::optional<std::string> failure_;
-    // The link ends before the loop, and both before what their callbacks use.
-    main_loop_t loop_;
-    std::unique_ptr<watch_t> watch_;  // null when it was not asked for
+    std::set<int> refused_vpns_;  // of which that was said
     link_t link_;
 };
 
@@ -97,7 +100,7 @@ client_t::client_t(const client_command_t& command, const standard_streams_t& st
     : command_(command),
       streams_(streams),
       identity_(to_identity(command)),
-      forwards_(checked_forwards(command)),
+      forwards_(checked_forwards(command), [this](const std::string& fault) { say(fault); }),
       guard_(to_guard(command)) {}
 
 // Of trouble.
@@ -154,8 +157,8 @@ int client_t::run() {
 
 void client_t::on_authorized() {
     reported_problem_ = false;
-    for (const std::string& fault : forwards_.connected())
-        say(fault);
+    refused_vpns_.clear();
+    forwards_.connected(loop_.get());
     if (was_authorized_) {
         tell("reconnected");
         return;
@@ -178,6 +181,16 @@ void client_t::on_refused(int code, const std::string& message) {
 
 void client_t::on_disconnected(bool was_authorized) {
     if (was_authorized && !stopping_) say("the connection is lost; connecting again");
+}
+
+// Asked again and again; said once a connection.
+void client_t::on_vpn_answered(int fd, bool carries) {
+    const std::string name = forwards_.name_of(fd);
+    if (carries) {
+        if (refused_vpns_.erase(fd) != 0) say("the VPN forward " + name + " carries now");
+    } else if (refused_vpns_.insert(fd).second) {
+        say("the server ended the VPN forward " + name + " before it carried anything (its log tells why); trying on");
+    }
 }
 
 void client_t::on_problem(int problem, const std::string& text) {

@@ -2,12 +2,13 @@
 
 namespace tandem::app {
 
-client_forwards_t::client_forwards_t(const forwards_t& forwards) {
+client_forwards_t::client_forwards_t(const forwards_t& forwards, const vpn_interface_t::tell_t& tell) {
     using context_t = advanced_connection_context_t;
     open_ports(forwards.tcp, "tcp", context_t::TYPE_TCP);
     open_ports(forwards.udp, "udp", context_t::TYPE_UDP);
     for (const vpn_forward_t& forward : forwards.vpn) {
-        const vpn_interface_t& interface = interfaces_.emplace_back(forward.local);
+        const vpn_interface_t& interface =
+            interfaces_.emplace_back(forward.local, [tell](const std::string& fault) { tell("--vpn: " + fault); });
         lent_.push_back({interface.fd(), forward.remote, 0, context_t::TYPE_VPN});
         lines_.push_back("forwarding vpn " + interface.name());
     }
@@ -23,12 +24,16 @@ void client_forwards_t::open_ports(const std::vector<tcp_forward_t>& ports, cons
     }
 }
 
-std::vector<std::string> client_forwards_t::connected() {
-    std::vector<std::string> faults;
-    for (vpn_interface_t& interface : interfaces_) {
-        if (std::string fault = interface.connected(); !fault.empty()) faults.push_back("--vpn: " + fault);
+std::string client_forwards_t::name_of(int fd) const {
+    for (const vpn_interface_t& interface : interfaces_) {
+        if (interface.fd() == fd) return interface.name();
     }
-    return faults;
+    return {};
+}
+
+void client_forwards_t::connected(st_tloop_t* loop) {
+    for (vpn_interface_t& interface : interfaces_)
+        interface.connected(loop);
 }
 
 }  // namespace tandem::app

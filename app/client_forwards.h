@@ -15,8 +15,8 @@ namespace tandem::app {
 // The client's open sockets and interfaces. They outlive connections, which borrow them.
 class client_forwards_t {
   public:
-    // Throws failure_t.
-    explicit client_forwards_t(const forwards_t& forwards);
+    // `tell` hears what goes wrong with VPN forwards later, in one line. Throws failure_t.
+    explicit client_forwards_t(const forwards_t& forwards, const vpn_interface_t::tell_t& tell = {});
     client_forwards_t(const client_forwards_t&) = delete;
     client_forwards_t& operator=(const client_forwards_t&) = delete;
 
@@ -24,8 +24,10 @@ class client_forwards_t {
     const std::vector<listening_forward_t>& lent() const { return lent_; }
     // One line a forward: what leads where.
     const std::vector<std::string>& lines() const { return lines_; }
-    // The server lets this client in: interfaces get their routes. Returns what went wrong.
-    std::vector<std::string> connected();
+    // The interface's, of a VPN forward that was lent.
+    std::string name_of(int fd) const;
+    // The server lets this client in: interfaces get their routes. `loop` outlives this object.
+    void connected(st_tloop_t* loop);
 
   private:
     void open_ports(const std::vector<tcp_forward_t>& ports, const char* option, int32_t type);

@@ -3,18 +3,14 @@
 #include <fcntl.h>
 #include <linux/if_tun.h>
 #include <net/if.h>
-#include <spawn.h>
 #include <sys/ioctl.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <csignal>
 #include <cstring>
+#include <utility>
 
 #include "app/failure.h"
-
-extern char** environ;
 
 namespace tandem::app {
 namespace {
@@ -79,7 +75,8 @@ std::string set_up_routes(netlink_t& netlink, const std::string& ifname, const v
     return {};
 }
 
-vpn_interface_t::vpn_interface_t(const vpn_settings_t& settings) : settings_(settings) {
+vpn_interface_t::vpn_interface_t(const vpn_settings_t& settings, tell_t tell)
+    : settings_(settings), tell_(std::move(tell)) {
     open_device();
     if (const std::string fault = set_up_link(netlink_, name_, settings_); !fault.empty())
         throw failure_t("--vpn: " + fault);
@@ -101,7 +98,11 @@ void vpn_interface_t::open_device() {
 }
 
 vpn_interface_t::~vpn_interface_t() {
-    if (was_connected_ && !settings_.down.empty()) run(settings_.down);
+    up_.reset();
+    if (was_connected_ && !settings_.down.empty()) {
+        const std::string fault = hook_command_t(words_of(settings_.down)).wait();
+        if (!fault.empty()) tell_("down:" + fault);
+    }
     const unsigned index = if_nametoindex(name_.c_str());
     if (index == 0) return;
     for (const ip_network_t& route : routes_) {
@@ -112,45 +113,23 @@ vpn_interface_t::~vpn_interface_t() {
     }
 }
 
-std::string vpn_interface_t::connected() {
+void vpn_interface_t::connected(st_tloop_t* loop) {
     const bool first = !std::exchange(was_connected_, true);
     std::string fault = first ? "" : set_up_link(netlink_, name_, settings_);
     if (fault.empty()) fault = set_up_routes(netlink_, name_, settings_, routes_);
-    if (fault.empty() && first && !settings_.up.empty()) fault = run(settings_.up);
-    return fault;
+    if (!fault.empty()) return tell_(fault);
+    if (!first || settings_.up.empty()) return;
+    up_ = std::make_unique<hook_command_t>(words_of(settings_.up));
+    up_->watch(loop, [this](const std::string& what) { tell_("up:" + what); });
 }
 
-// Without a shell: the words are the arguments as they are.
-std::string vpn_interface_t::run(const std::vector<std::string>& command) const {
-    std::vector<std::string> words = command;
+std::vector<std::string> vpn_interface_t::words_of(std::vector<std::string> command) const {
     const std::string mark = "%ifname%";
-    for (std::string& word : words) {
+    for (std::string& word : command) {
         for (size_t at = word.find(mark); at != std::string::npos; at = word.find(mark, at + name_.size()))
             word.replace(at, mark.size(), name_);
     }
-    std::vector<char*> arguments;
-    arguments.reserve(words.size() + 1);
-    for (std::string& word : words)
-        arguments.push_back(word.data());
-    arguments.push_back(nullptr);
-
-    // This program holds signals back and ignores some; the command starts as from a shell.
-    sigset_t none, all;
-    sigemptyset(&none);
-    sigfillset(&all);
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    posix_spawnattr_setsigmask(&attributes, &none);
-    posix_spawnattr_setsigdefault(&attributes, &all);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-    pid_t child = -1;
-    const int error = posix_spawnp(&child, arguments[0], nullptr, &attributes, arguments.data(), environ);
-    posix_spawnattr_destroy(&attributes);
-    if (error != 0) return told("cannot run " + words[0], error);
-    int status = 0;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR) {
-    }
-    return status == 0 ? "" : words[0] + " has failed (status " + std::to_string(status) + ")";
+    return command;
 }
 
 }  // namespace tandem::app

@@ -87,8 +87,10 @@ class TANDEM_API advanced_connection_context_t : public default_connection_conte
         bool tx_active = false;
         std::deque<std::shared_ptr<packet_t>> pending_packets;  // from the stream, not yet written
         tcp_flow_t flow;
-        std::shared_ptr<void> permit;          // of on_request
-        std::unique_ptr<outgoing_t> outgoing;  // UDP: what the stream has no room for; loop's thread
+        std::shared_ptr<void> permit;           // of on_request
+        std::unique_ptr<outgoing_t> outgoing;   // UDP: what the stream has no room for; loop's thread
+        std::atomic<bool> has_received{false};  // VPN: a frame came in
+        int64_t reopen_after_us = 0;            // VPN forward: the pause before the next try, 0 before the first
     };
 
     // `loop` runs all forwarding and must outlive the context; null makes a loop and a thread of its own. The four
@@ -165,6 +167,10 @@ class TANDEM_API advanced_connection_context_t : public default_connection_conte
     // Whether the address that a request's TCP or UDP target stands for may be opened. It is this one that will be
     // opened. The default says yes. Runs on a worker, before the on_create_* hooks.
     virtual bool on_target_resolved(const request_t& request, const sockaddr_storage& address);
+    // What became of a VPN forward of this side: the peer's interface has sent its first frame, or the peer has ended
+    // the stream before it sent any; with lossless delivery it is asked again later. The default does nothing. Link's
+    // thread.
+    virtual void on_vpn_answered(int fd, bool carries);
 
   protected:
     using record_t = std::shared_ptr<forward_detail>;
@@ -319,6 +325,7 @@ class TANDEM_API advanced_connection_context_t : public default_connection_conte
     void read_vpn_lossless(const record_t& inst, int fd);
     bool send_vpn_frames(const record_t& inst);
     void deliver_vpn_lossless(const record_t& inst, const std::shared_ptr<packet_t>& packet, int fin);
+    void note_vpn_answer(const record_t& inst, bool carries);
     bool write_vpn(const record_t& inst, const packet_t& packet);
     void write_vpn_lossless(const record_t& inst);
     void reopen_vpn_forwards();

@@ -71,6 +71,7 @@ std::shared_ptr<packet_t> advanced_connection_context_t::take_partial(const reco
 }
 
 void advanced_connection_context_t::close_at_stream_end(const record_t& inst) {
+    if (inst->type == TYPE_VPN) note_vpn_answer(inst, false);
     std::unique_lock guard(inst->lock);
     const int fd = inst->fd;
     guard.unlock();
@@ -83,6 +84,7 @@ void advanced_connection_context_t::close_at_stream_end(const record_t& inst) {
 
 void advanced_connection_context_t::deliver(const record_t& inst, const std::shared_ptr<packet_t>& packet, int fin,
                                             const flow_marks_t& marks) {
+    if (inst->type == TYPE_VPN && packet && packet->size() > 0) note_vpn_answer(inst, true);
     if (inst->type == TYPE_UDP) {
         lossless() ? deliver_udp_lossless(inst, packet, fin) : deliver_udp(inst, packet, fin);
     } else if (lossless() && inst->type == TYPE_TCP) {

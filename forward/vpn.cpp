@@ -36,6 +36,20 @@ bool advanced_connection_context_t::create_vpn_instance(const record_t& fwd) {
     return true;
 }
 
+void advanced_connection_context_t::on_vpn_answered(int, bool) {}
+
+// Link's thread.
+void advanced_connection_context_t::note_vpn_answer(const record_t& inst, bool carries) {
+    if (inst->has_received || inst->state != STATE_INITIATED) return;
+    if (carries) inst->has_received = true;
+    int fd = -1;
+    {
+        std::lock_guard guard(inst->lock);
+        fd = inst->fd;
+    }
+    if (fd >= 0) on_vpn_answered(fd, carries);
+}
+
 void advanced_connection_context_t::process_vpn_connection_io_read(int fd) {
     const record_t inst = find_instance(fd);
     if (!inst) {

@@ -2,6 +2,7 @@
 // and outlive a frame that the kernel does not take.
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -22,8 +23,9 @@ constexpr size_t most_bytes = 256 * 1024;
 constexpr flow_marks_t stream_marks{256 * 1024, 128 * 1024};
 // What may wait for the device.
 constexpr size_t most_waiting = 1024 * 1024;
-// Between two tries to have the peer's interface again.
-constexpr int64_t reopen_after_us = 2000000;
+// Between two tries to have the peer's interface again: doubled with each that failed.
+constexpr int64_t first_reopen_us = 2'000'000;
+constexpr int64_t last_reopen_us = 8'000'000;
 
 // The device is gone; other errors tell of one frame, or pass (an interface that is down).
 bool is_gone(int error) {
@@ -137,13 +139,18 @@ void advanced_connection_context_t::reopen_vpn_forwards() {
         for (const auto& [fd, forward] : forwards) {
             if (forward->type != TYPE_VPN || forward->state != STATE_OPEN) continue;
             std::lock_guard record_guard(forward->lock);
-            if (local_instances.contains(fd)) {
+            const auto open = local_instances.find(fd);
+            if (open != local_instances.end()) {
                 forward->last_active_us = now;
-            } else if (now - forward->last_active_us >= reopen_after_us) {
-                forward->last_active_us = now;
-                forward->state = STATE_TO_OPEN;
-                reopened = true;
+                if (open->second->has_received) forward->reopen_after_us = 0;
+                continue;
             }
+            const int64_t pause = std::max(forward->reopen_after_us, first_reopen_us);
+            if (now - forward->last_active_us < pause) continue;
+            forward->last_active_us = now;
+            forward->reopen_after_us = std::min(2 * pause, last_reopen_us);
+            forward->state = STATE_TO_OPEN;
+            reopened = true;
         }
     }
     if (reopened) update_forwarding();

@@ -30,6 +30,8 @@ class client_observer_t {
     virtual void on_refused(int code, const std::string& message) = 0;
     // A connection is gone, authorised or not; the transport makes the next one by itself.
     virtual void on_disconnected(bool was_authorized) = 0;
+    // See advanced_connection_context_t.
+    virtual void on_vpn_answered(int /*fd*/, bool /*carries*/) {}
 };
 
 // The client's side of one connection. Once authorised it serves the application's listening sockets with lossless
@@ -50,6 +52,7 @@ class client_context_t : public guarded_context_t {
 
     void on_authorize_acked(int code, const std::string& message) override;
     void on_destroy() override;
+    void on_vpn_answered(int fd, bool carries) override { observer_.on_vpn_answered(fd, carries); }
 
   private:
     std::vector<listening_forward_t> to_forward_;

@@ -199,6 +199,8 @@ TEST(vpn, without_a_rule_no_interface_is_made) {
     const std::string refused = "VPN interface refused: no rule allows default the option ";
     EXPECT_TRUE(
         comes_true([&] { return read_file(link.scratch().path("server.log")).find(refused) != std::string::npos; }));
+    EXPECT_TRUE(client.wait_error("the server ended the VPN forward vpn0 before it carried anything"))
+        << client.errors();
     run(joined(nets.in_server(), {"ip", "link", "show", "vpn1"}), 1);
     end(client);
     end(server);
@@ -210,7 +212,8 @@ TEST(vpn, a_default_route_leaves_the_link_alone) {
     namespaces_t nets;
     process_t server(joined(joined(nets.in_server(), link.server_args()), {"--allow-vpn", "*;address:10.8.0.0/24"}));
     ASSERT_NE(server.wait_line("listening"), "") << server.errors();
-    const std::string device = "tun:vpn0;address:10.8.0.2/24;route:default;remote:'address:10.8.0.1/24'";
+    const std::string device =
+        "tun:vpn0;address:10.8.0.2/24;route:default;up:'sleep 1000';remote:'address:10.8.0.1/24'";
     process_t refused(joined(nets.in_client(), client_args(link, "--vpn", device, "10.77.9.1", {"10.77.1.2", "c2"})));
     EXPECT_EQ(refused.wait(), 2);
     EXPECT_NE(refused.errors().find("would lead the link's own packets"), std::string::npos) << refused.errors();
