@@ -151,6 +151,7 @@ TEST_F(lifetimes, an_own_loops_callback_may_destroy_the_link_itself) {
     // The loop's thread frees it on its way out.
     fake::wait_for_made_loops();
     EXPECT_EQ(link, nullptr);
+    tandem::link_t::tndm_instance_loop(nullptr);
 }
 
 }  // namespace

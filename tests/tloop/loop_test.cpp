@@ -177,6 +177,7 @@ TEST_F(loop_test, a_wake_up_sent_before_its_start_is_delivered_with_the_start) {
 
 TEST(loop_trace, reports_a_callback_that_holds_the_loop) {
     EXPECT_EQ(tloop_create("libuv", true, 1000, 0), nullptr);
+    EXPECT_EQ(tloop_create(nullptr, true, 1000, 0), nullptr);
     st_tloop_t* loop = tloop_create("libev", true, 1000, 0);
     const auto hold = [](st_tloop_t* self, void*, void*) {
         spin(2ms);
