@@ -15,16 +15,15 @@ struct limit_name_t {
     uint64_t share_t::*member;
 };
 
-constexpr limit_name_t limit_names[] = {{"streams", &share_t::streams},
-                                        {"connections", &share_t::instances},
-                                        {"opening", &share_t::workers},
-                                        {"rate", &share_t::requests_per_second},
-                                        {"queue", &share_t::queued_bytes}};
+constexpr limit_name_t limit_names[] = {{"streams", &share_t::streams},    {"connections", &share_t::instances},
+                                        {"opening", &share_t::workers},    {"rate", &share_t::requests_per_second},
+                                        {"queue", &share_t::queued_bytes}, {"links", &share_t::links}};
 constexpr uint64_t largest_limit = uint64_t{1} << 40;
 
 // The place of a limit's value; null for an unknown name.
 uint64_t* find_limit(limits_t& limits, const std::string& name) {
     if (name == "strangers") return &limits.strangers;
+    if (name == "source-strangers") return &limits.source_strangers;
     const std::string total = "total-";
     const bool of_all = name.starts_with(total);
     share_t& share = of_all ? limits.total : limits.client;
@@ -47,8 +46,8 @@ void read_limit(const std::string& text, limits_t& limits) {
         (place == nullptr && !frame)) {
         throw bad_value("--limit", text,
                         "write NAME=NUMBER, 1 to 1099511627776 (frame: 4294967295); names are frame, strangers, "
-                        "streams, connections, opening, rate, queue, "
-                        "and the last five with total- in front");
+                        "source-strangers, links, streams, connections, opening, rate, queue, "
+                        "and the last six with total- in front");
     }
     if (frame) {
         limits.frame_bytes = static_cast<uint32_t>(value);
@@ -93,10 +92,12 @@ void add_gateway_options(CLI::App& command, typed_gateway_t& typed) {
              "'CLIENT tcp|udp|* TARGET PORTS'");
     repeated("--reverse", typed.reversed, "Listen here, connect to HOST:PORT from the side of a client",
              "tcp|udp:[ADDR:]PORT=CLIENT:HOST:PORT");
-    repeated("--limit", typed.limits,
-             "How much a client may have at once: streams, connections, opening, queue (bytes), rate (new ones a "
-             "second); all clients: total-streams and so on; frame (bytes); strangers",
-             "NAME=NUMBER");
+    repeated(
+        "--limit", typed.limits,
+        "How much a client may have at once: links, streams, connections, opening, queue (bytes), rate (new ones a "
+        "second); all clients: total-links and so on; frame (bytes); connections that are not authorised: "
+        "strangers, and source-strangers from one IPv4 address or IPv6 /64",
+        "NAME=NUMBER");
 }
 
 std::vector<std::string> checked_rules(const std::string& prefix, const std::vector<std::string>& texts,

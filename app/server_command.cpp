@@ -79,7 +79,7 @@ int run_server(const server_command_t& command, const standard_streams_t& stream
     }
     link_t link;
     link.register_connection_context_factory([&](void* instance, void* connection, const std::string&) {
-        auto made = gateway_context_t::make(gateway);
+        auto made = gateway_context_t::make(gateway, connection);
         if (!made) return made;
         made->set_vpn_host(vpn);
         if (watch) watch->add(instance, connection, made, [of = made.get()] { return of->client_machine(); });

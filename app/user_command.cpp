@@ -7,6 +7,8 @@
 namespace tandem::app {
 namespace {
 
+constexpr private_to_t whom = private_to_t::whom_root_serves;
+
 void check(const std::string& fault) {
     if (!fault.empty()) throw failure_t("--users: " + fault);
 }
@@ -30,13 +32,13 @@ int run_user(const user_command_t& command, FILE* out) {
         add_user(command, out);
     } else if (command.what == user_command_t::remove) {
         user_list_t present;
-        check(read_user_file(command.users_file, present));  // a wrong name makes no file
+        check(read_user_file(command.users_file, present, whom));  // a wrong name makes no file
         check(change_user_file(command.users_file, [&](user_list_t& users) {
             return users.remove(command.id) ? std::string() : "there is no " + command.id + " in " + command.users_file;
         }));
     } else {
         user_list_t users;
-        check(read_user_file(command.users_file, users));
+        check(read_user_file(command.users_file, users, whom));
         for (const auto& [id, hash] : users.users())
             fprintf(out, "%s\n", id.c_str());
     }

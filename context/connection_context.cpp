@@ -103,7 +103,7 @@ int connection_context_t::send_packet(uint64_t stream_id, packet_t& packet, int 
 void connection_context_t::push_stream_data(uint64_t stream_id, const uint8_t* data, uint32_t len, int fin) {
     if (data == nullptr) len = 0;
     if (len == 0 && fin == 0) return;
-    if (admit_stream_ && !admit_stream_(stream_id, fin)) return;
+    if (admit_stream_ && !admit_stream_(stream_id, len, fin)) return;
     take_packets(stream_id, data, len, fin);
     delivery_remaining_ = 0;
     if (delivered_handler_) delivered_handler_();
@@ -141,25 +141,30 @@ void connection_context_t::take_packets(uint64_t stream_id, const uint8_t* data,
             if (keep_partial_) keep_partial_(stream_id, 0);
         }
         if (!complete) {
-            if (peer_control_known) dispatch(stream_id, packet, true, fin, 0);
+            if (peer_control_known) {
+                dispatch(stream_id, packet, true, fin, 0);
+            } else if (unmarked_handler_) {
+                unmarked_handler_();
+            }
             return;
         }
         data += consumed;
         len -= consumed;
         packet->fin = fin != 0 ? 1 : 0;
         if (!peer_control_known) {
-            accept_marker(stream_id, *packet);
+            if (!accept_marker(stream_id, *packet) && unmarked_handler_) unmarked_handler_();
         } else if (!dispatch(stream_id, packet, false, fin, len)) {
             return;
         }
     } while (len > 0);
 }
 
-void connection_context_t::accept_marker(uint64_t stream_id, const packet_t& packet) {
-    if (packet.size() < sizeof(control_marker)) return;
-    if (std::memcmp(packet.data(), control_marker, sizeof(control_marker)) != 0) return;
+bool connection_context_t::accept_marker(uint64_t stream_id, const packet_t& packet) {
+    if (packet.size() < sizeof(control_marker)) return false;
+    if (std::memcmp(packet.data(), control_marker, sizeof(control_marker)) != 0) return false;
     peer_control_stream_id = stream_id;
     peer_control_known = true;
+    return true;
 }
 
 // False when the reply ended the stream from this side, so that nothing more of it is wanted.

@@ -119,9 +119,12 @@ class TANDEM_API connection_context_t {
     // Called on the loop's thread when all packets of a delivery have been dispatched. To be set before the context is
     // bound.
     std::function<void()> delivered_handler_;
-    // Whether bytes of a stream, or its end, are taken; otherwise they are dropped. Called on the loop's thread, before
-    // anything is kept of them. To be set before data arrive.
-    std::function<bool(uint64_t stream_id, int fin)> admit_stream_;
+    // Whether `bytes` of a stream, or its end, are taken; otherwise they are dropped. Called on the loop's thread,
+    // before anything is kept of them. To be set before data arrive.
+    std::function<bool(uint64_t stream_id, uint32_t bytes, int fin)> admit_stream_;
+    // Called on the loop's thread for each frame that comes before the peer's marker, and is dropped. To be set before
+    // data arrive.
+    std::function<void()> unmarked_handler_;
     // Whether a stream's `bytes` of a frame that is not complete may be kept; otherwise the frame is lost, as one that
     // is too long is. 0: nothing is kept any more. Called on the loop's thread. To be set before data arrive.
     std::function<bool(uint64_t stream_id, uint64_t bytes)> keep_partial_;
@@ -130,7 +133,7 @@ class TANDEM_API connection_context_t {
     bool accept_empty_frames_ = false;
 
   private:
-    void accept_marker(uint64_t stream_id, const packet_t& packet);
+    bool accept_marker(uint64_t stream_id, const packet_t& packet);
     bool dispatch(uint64_t stream_id, const std::shared_ptr<packet_t>& packet, bool skip, int fin, uint32_t remaining);
     void take_packets(uint64_t stream_id, const uint8_t* data, uint32_t len, int fin);
 };

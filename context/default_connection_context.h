@@ -88,6 +88,8 @@ class TANDEM_API default_connection_context_t : public connection_context_t {
     path_map_t local_paths;  // the last sample
     std::recursive_mutex peer_path_mutex;
     path_map_t peer_paths;  // the peer's last report
+    // What of a report is kept; the rest is dropped. To be set before the context is bound.
+    size_t most_peer_paths_ = SIZE_MAX;
 
   private:
     static handshake_t to_handshake(const message_variant_t::map_t& body);

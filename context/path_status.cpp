@@ -135,7 +135,7 @@ void default_connection_context_t::store_peer_paths(packet_t& packet,
         const std::lock_guard lock(peer_path_mutex);
         peer_paths.clear();
         auto path = std::make_shared<path_state_t>();
-        while (path->read_from_packet(&packet, unpacker) >= 0) {
+        while (peer_paths.size() < most_peer_paths_ && path->read_from_packet(&packet, unpacker) >= 0) {
             peer_paths[path->name] = path;
             path = std::make_shared<path_state_t>();
         }

@@ -5,52 +5,65 @@
 namespace tandem {
 namespace {
 
-constexpr int64_t forgive_every_us = 60'000'000;
-constexpr unsigned most_failures = 16;
+constexpr int64_t forgive_every_us = 1'000'000;
+// An id's failures are forgotten when it was quiet for so long.
+constexpr int64_t quiet_us = 600'000'000;
+constexpr unsigned proven_at_once = 4;
+// What of an id tells it from others here; it may be as long as a stranger likes.
+constexpr size_t longest_id = 64;
 
 }  // namespace
 
-std::optional<int64_t> attempt_gate_t::begin(const std::string& name, int64_t now_us) {
-    source_t& source = find(name, now_us);
-    const int64_t wait = std::max<int64_t>(source.next_us - now_us, 0);
-    if (source.at_once >= most_at_once || wait > longest_wait_us) return std::nullopt;
-    ++source.at_once;
-    // The place is taken: who comes at the same time waits for the next one.
-    source.next_us = now_us + wait + gap(source.failures);
-    return wait;
+bool attempt_gate_t::begin_first(const std::string& source, const std::string& id, int64_t now_us) {
+    proven_t* const proven = proven_.find(key(source, id));
+    if (proven == nullptr || proven->at_once >= proven_at_once || now_us < proven->next_us) return false;
+    ++proven->at_once;
+    return true;
 }
 
-void attempt_gate_t::end(const std::string& name, bool failed, int64_t now_us) {
-    source_t& source = find(name, now_us);
-    if (source.at_once > 0) --source.at_once;
-    if (!failed) return;
-    source.failures = std::min(source.failures + 1, most_failures);
-    source.next_us = std::max(source.next_us, now_us + gap(source.failures));
+void attempt_gate_t::end_first(const std::string& source, const std::string& id, bool failed, int64_t now_us) {
+    proven_t* const proven = proven_.find(key(source, id));
+    if (proven == nullptr) return;
+    if (proven->at_once > 0) --proven->at_once;
+    if (failed) proven->next_us = now_us + longest_gap_us;
 }
 
-attempt_gate_t::source_t& attempt_gate_t::find(const std::string& name, int64_t now_us) {
-    const auto [found, added] = sources_.try_emplace(name);
-    source_t& source = found->second;
-    if (added) {
-        by_age_.push_front(name);
-        source.age = by_age_.begin();
-        source.forgiven_us = now_us;
-        if (sources_.size() > most_sources) {
-            sources_.erase(by_age_.back());
-            by_age_.pop_back();
-        }
-        return source;
+bool attempt_gate_t::begin(const std::string& source, const std::string& id, int64_t now_us) {
+    const id_t* const known = ids_.find(key(source, id));
+    if (known != nullptr && now_us < known->next_us) return false;
+    source_t& from = sources_.get(source);
+    const int64_t spent = std::max(from.spent_us, now_us) + forgive_every_us;
+    if (from.at_once >= most_at_once || spent > now_us + most_failures * forgive_every_us) return false;
+    // Counts as a failure until it is known to be none.
+    from.spent_us = spent;
+    ++from.at_once;
+    return true;
+}
+
+void attempt_gate_t::end(const std::string& source, const std::string& id, bool failed, int64_t now_us) {
+    if (!failed) {
+        give_back(source);
+        proven_.get(key(source, id));
+        return;
     }
-    by_age_.splice(by_age_.begin(), by_age_, source.age);
-    const int64_t minutes = std::max<int64_t>(now_us - source.forgiven_us, 0) / forgive_every_us;
-    source.forgiven_us += minutes * forgive_every_us;
-    source.failures -= static_cast<unsigned>(std::min<int64_t>(minutes, source.failures));
-    return source;
+    source_t& from = sources_.get(source);
+    if (from.at_once > 0) --from.at_once;
+    id_t& entry = ids_.get(key(source, id));
+    if (now_us > entry.next_us + quiet_us) entry.failures = 0;
+    const int64_t gap = std::min(first_gap_us << std::min(entry.failures, 16u), longest_gap_us);
+    ++entry.failures;
+    entry.next_us = std::max(entry.next_us, now_us + gap);
 }
 
-int64_t attempt_gate_t::gap(unsigned failures) {
-    if (failures == 0) return 0;
-    return std::min(first_gap_us << (failures - 1), longest_gap_us);
+void attempt_gate_t::give_back(const std::string& source) {
+    source_t& from = sources_.get(source);
+    if (from.at_once == 0) return;  // forgotten meanwhile
+    --from.at_once;
+    from.spent_us -= forgive_every_us;
+}
+
+std::string attempt_gate_t::key(const std::string& source, const std::string& id) {
+    return source + '/' + id.substr(0, longest_id);
 }
 
 }  // namespace tandem

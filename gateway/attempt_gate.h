@@ -1,46 +1,54 @@
 #ifndef TANDEM_GATEWAY_ATTEMPT_GATE_H
 #define TANDEM_GATEWAY_ATTEMPT_GATE_H
 
+#include <cstddef>
 #include <cstdint>
-#include <list>
-#include <map>
-#include <optional>
 #include <string>
+
+#include "gateway/recent.h"
 
 namespace tandem {
 
-// Slows down whoever presents wrong credentials, by where it comes from: after each failure the attempts from there are
-// let through further apart, up to `longest_gap_us`. Failures are forgotten at the rate of one a minute. The table is
-// bounded; when it is full, the source that was quiet longest is forgotten. Times are microseconds of a steady clock.
-// One thread.
+// Whose credentials may be looked at now. Only failures slow anybody down: an id at one source is looked at less and
+// less often with each, and a source as a whole may fail `most_failures` times and once a second more, whatever ids it
+// makes up. An id that was let in at this source before stands outside of what its neighbours spoil. Tables are bounded
+// and forget who was quiet longest. Times are microseconds of a steady clock. One thread.
 class attempt_gate_t {
   public:
-    static constexpr size_t most_sources = 4096;
-    static constexpr unsigned most_at_once = 4;
+    static constexpr size_t most_entries = 4096;  // of each table
+    static constexpr unsigned most_at_once = 8;   // of a source
+    static constexpr int64_t most_failures = 32;
     static constexpr int64_t first_gap_us = 250'000;
     static constexpr int64_t longest_gap_us = 4'000'000;
-    // An attempt that would have to wait longer is turned away.
-    static constexpr int64_t longest_wait_us = 5'000'000;
 
-    // How long the attempt has to wait before its credentials are looked at; nothing when it is turned away. An attempt
-    // that is let in is to be ended with `end`.
-    std::optional<int64_t> begin(const std::string& source, int64_t now_us);
-    void end(const std::string& source, bool failed, int64_t now_us);
+    // Whether the attempt is one of those that come first, to be ended with end_first; otherwise `begin` decides.
+    bool begin_first(const std::string& source, const std::string& id, int64_t now_us);
+    void end_first(const std::string& source, const std::string& id, bool failed, int64_t now_us);
+    // Whether the attempt may be made now, to be ended with `end`.
+    bool begin(const std::string& source, const std::string& id, int64_t now_us);
+    void end(const std::string& source, const std::string& id, bool failed, int64_t now_us);
+    // Instead of `end`: the attempt was not made after all.
+    void give_back(const std::string& source);
 
   private:
     struct source_t {
-        std::list<std::string>::iterator age;
-        unsigned failures = 0;
         unsigned at_once = 0;
-        int64_t next_us = 0;      // no attempt is looked at before
-        int64_t forgiven_us = 0;  // until when failures have been forgotten
+        int64_t spent_us = 0;  // when all failures are forgotten, and those that attempts under way may become
+    };
+    struct id_t {
+        unsigned failures = 0;
+        int64_t next_us = 0;  // not looked at before
+    };
+    struct proven_t {
+        unsigned at_once = 0;
+        int64_t next_us = 0;
     };
 
-    source_t& find(const std::string& source, int64_t now_us);
-    static int64_t gap(unsigned failures);
+    static std::string key(const std::string& source, const std::string& id);
 
-    std::map<std::string, source_t> sources_;
-    std::list<std::string> by_age_;  // the most recent first
+    recent_t<source_t> sources_{most_entries};
+    recent_t<id_t> ids_{most_entries};         // those that have failed, by source and id
+    recent_t<proven_t> proven_{most_entries};  // those that were let in, by source and id
 };
 
 }  // namespace tandem

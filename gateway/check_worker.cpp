@@ -24,11 +24,13 @@ check_worker_t::~check_worker_t() {
     loop_->ops->leave(loop_);
 }
 
-bool check_worker_t::check(std::shared_ptr<const credentials_t> credentials, presented_t client, result_t result) {
+bool check_worker_t::check(std::shared_ptr<const credentials_t> credentials, presented_t client, bool first,
+                           result_t result) {
     {
         const std::lock_guard lock(mutex_);
-        if (done_async_ == nullptr || waiting_.size() + done_.size() >= most_waiting) return false;
-        waiting_.push_back({std::move(credentials), std::move(client), std::move(result), std::nullopt});
+        std::deque<job_t>& line = first ? first_ : waiting_;
+        if (done_async_ == nullptr || line.size() + done_.size() >= most_waiting) return false;
+        line.push_back({std::move(credentials), std::move(client), std::move(result), std::nullopt});
     }
     changed_.notify_all();
     return true;
@@ -37,10 +39,11 @@ bool check_worker_t::check(std::shared_ptr<const credentials_t> credentials, pre
 void check_worker_t::run() {
     std::unique_lock lock(mutex_);
     while (true) {
-        changed_.wait(lock, [this] { return stopping_ || !waiting_.empty(); });
+        changed_.wait(lock, [this] { return stopping_ || !first_.empty() || !waiting_.empty(); });
         if (stopping_) return;
-        job_t job = std::move(waiting_.front());
-        waiting_.pop_front();
+        std::deque<job_t>& line = first_.empty() ? waiting_ : first_;
+        job_t job = std::move(line.front());
+        line.pop_front();
         lock.unlock();
         job.admission = job.credentials->check(job.client);
         lock.lock();

@@ -19,7 +19,7 @@ namespace tandem {
 class check_worker_t {
   public:
     using result_t = std::function<void(std::optional<admission_t>)>;
-    static constexpr size_t most_waiting = 64;
+    static constexpr size_t most_waiting = 128;  // of each kind: a few seconds of work
 
     explicit check_worker_t(st_tloop_t* loop);
     check_worker_t(const check_worker_t&) = delete;
@@ -27,8 +27,8 @@ class check_worker_t {
     // Waits for the check that is under way; results that were not told are dropped.
     ~check_worker_t();
 
-    // False when too many wait; `result` is not called then.
-    bool check(std::shared_ptr<const credentials_t> credentials, presented_t client, result_t result);
+    // `first`: before all that are not. False when too many wait; `result` is not called then.
+    bool check(std::shared_ptr<const credentials_t> credentials, presented_t client, bool first, result_t result);
 
   private:
     struct job_t {
@@ -46,6 +46,7 @@ class check_worker_t {
     void* done_async_ = nullptr;
     std::mutex mutex_;  // guards the queues and stopping_
     std::condition_variable changed_;
+    std::deque<job_t> first_;
     std::deque<job_t> waiting_;
     std::deque<job_t> done_;
     bool stopping_ = false;

@@ -1,6 +1,5 @@
 #include "gateway/doorkeeper.h"
 
-#include <algorithm>
 #include <utility>
 
 #include "gateway/clock.h"
@@ -18,42 +17,61 @@ doorkeeper_t::doorkeeper_t(st_tloop_t* loop, std::shared_ptr<const credentials_t
     : loop_(loop), credentials_(std::move(credentials)), failure_delay_(failure_delay), worker_(loop) {}
 
 void doorkeeper_t::ask(presented_t client, const std::string& source, answer_t answer) {
-    const int64_t now = clock_us();
-    const auto wait = gate_.begin(source, now);
-    if (!wait) return answer(try_later());
+    if (attempts_.size() >= most_attempts) return answer(try_later());
     const number_t number = next_++;
-    attempts_.emplace(number, attempt_t{std::move(client), source, std::move(answer), now + *wait, nullptr});
-    after(number, *wait, &doorkeeper_t::check);
+    const int64_t now = clock_us();
+    const attempt_t& attempt =
+        attempts_.emplace(number, attempt_t{std::move(client), source, std::move(answer), now, nullptr}).first->second;
+    if (!gate_.begin_first(source, attempt.client.id, now)) return check(number);
+    const bool taken = hand_over(attempt, true, [this, number](std::optional<admission_t> admission) {
+        checked_first(number, std::move(admission));
+    });
+    if (taken) return;
+    gate_.end_first(source, attempt.client.id, false, now);
+    check(number);
 }
 
 void doorkeeper_t::check(number_t number) {
-    attempt_t& attempt = attempts_.at(number);
-    const bool taken =
-        worker_.check(credentials_, std::move(attempt.client),
-                      [this, number](std::optional<admission_t> admission) { checked(number, std::move(admission)); });
+    const attempt_t& attempt = attempts_.at(number);
+    if (!gate_.begin(attempt.source, attempt.client.id, attempt.asked_us)) return answer_late(number, try_later());
+    const bool taken = hand_over(attempt, false, [this, number](std::optional<admission_t> admission) {
+        checked(number, std::move(admission));
+    });
     if (taken) return;
-    gate_.end(attempt.source, false, clock_us());
-    finish(number, try_later());
+    gate_.give_back(attempt.source);
+    answer_late(number, try_later());
+}
+
+bool doorkeeper_t::hand_over(const attempt_t& attempt, bool first,
+                             std::function<void(std::optional<admission_t>)> checked) {
+    return worker_.check(credentials_, attempt.client, first,
+                         [this, checked = std::move(checked)](std::optional<admission_t> admission) {
+                             // They may have changed during the check.
+                             if (admission && !credentials_->still_holds(*admission)) admission.reset();
+                             checked(std::move(admission));
+                         });
+}
+
+void doorkeeper_t::checked_first(number_t number, std::optional<admission_t> admission) {
+    const attempt_t& attempt = attempts_.at(number);
+    gate_.end_first(attempt.source, attempt.client.id, !admission, clock_us());
+    if (admission) return finish(number, {std::move(admission), 0, {}});
+    check(number);
 }
 
 void doorkeeper_t::checked(number_t number, std::optional<admission_t> admission) {
     const attempt_t& attempt = attempts_.at(number);
-    // They may have changed during the check.
-    if (admission && !credentials_->still_holds(*admission)) admission.reset();
-    const int64_t now = clock_us();
-    gate_.end(attempt.source, !admission, now);
+    gate_.end(attempt.source, attempt.client.id, !admission, clock_us());
     if (admission) return finish(number, {std::move(admission), 0, {}});
-    after(number, std::max<int64_t>(attempt.checked_us + failure_delay_ - now, 0), &doorkeeper_t::refuse);
+    answer_late(number, {std::nullopt, verdict_t::wrong_credentials, "wrong id or secret"});
 }
 
-void doorkeeper_t::refuse(number_t number) {
-    finish(number, {std::nullopt, verdict_t::wrong_credentials, "wrong id or secret"});
-}
-
-void doorkeeper_t::after(number_t number, int64_t delay_us, void (doorkeeper_t::*step)(number_t)) {
-    if (delay_us <= 0) return (this->*step)(number);
-    attempts_.at(number).timer = std::make_unique<deadline_t>(loop_, static_cast<uint64_t>(delay_us),
-                                                              [this, number, step] { (this->*step)(number); });
+void doorkeeper_t::answer_late(number_t number, const verdict_t& verdict) {
+    attempt_t& attempt = attempts_.at(number);
+    const int64_t delay_us = attempt.asked_us + failure_delay_ - clock_us();
+    if (delay_us <= 0) return finish(number, verdict);
+    attempt.timer = std::make_unique<deadline_t>(loop_, static_cast<uint64_t>(delay_us),
+                                                 [this, number, verdict] { finish(number, verdict); });
 }
 
 void doorkeeper_t::finish(number_t number, const verdict_t& verdict) {

@@ -20,6 +20,7 @@ namespace tandem {
 struct verdict_t {
     static constexpr int wrong_credentials = 1;
     static constexpr int try_later = 2;
+    static constexpr int wrong_protocol = 3;
 
     std::optional<admission_t> admission;
     int code = 0;
@@ -27,11 +28,14 @@ struct verdict_t {
 };
 
 // Takes the attempts to get in: slows down those from where wrong ones came, has them checked off the loop, and gives
-// every wrong one the same answer at the same delay after it was made. Loop's thread.
+// every wrong one the same answer at the same delay after it was made. Who was let in at the same source before is
+// checked before all others; when that fails, it is an attempt as any other, checked once more, so that neither answer
+// nor delay tells whether there is such a client. Loop's thread.
 class doorkeeper_t {
   public:
     using answer_t = std::function<void(const verdict_t&)>;
     static constexpr int64_t failure_delay_us = 1'000'000;
+    static constexpr size_t most_attempts = 1024;  // under way; what is more is put off at once
 
     // `failure_delay`: from an attempt to the answer that it was wrong, in microseconds.
     doorkeeper_t(st_tloop_t* loop, std::shared_ptr<const credentials_t> credentials,
@@ -49,15 +53,17 @@ class doorkeeper_t {
         presented_t client;
         std::string source;
         answer_t answer;
-        int64_t checked_us = 0;  // when its check was due
+        int64_t asked_us = 0;
         std::unique_ptr<deadline_t> timer;
     };
     using number_t = uint64_t;
 
     void check(number_t number);
+    bool hand_over(const attempt_t& attempt, bool first, std::function<void(std::optional<admission_t>)> checked);
+    void checked_first(number_t number, std::optional<admission_t> admission);
     void checked(number_t number, std::optional<admission_t> admission);
-    void after(number_t number, int64_t delay_us, void (doorkeeper_t::*step)(number_t));
-    void refuse(number_t number);
+    // When the time has come to tell a failure.
+    void answer_late(number_t number, const verdict_t& verdict);
     void finish(number_t number, const verdict_t& verdict);
 
     st_tloop_t* loop_;

@@ -12,6 +12,7 @@ gateway_t::gateway_t(st_tloop_t* loop, settings_t settings)
       limits_(settings.limits),
       guard_{std::make_shared<rule_book_t>(std::move(settings.rules)), std::make_shared<refusals_t>()},
       doorkeeper_(loop, std::move(settings.credentials), settings.failure_delay_us),
+      strangers_(limits_.strangers, limits_.source_strangers),
       total_(std::make_shared<usage_t>(limits_.total)) {}
 
 void gateway_t::set_credentials(std::shared_ptr<const credentials_t> credentials) {
@@ -23,21 +24,19 @@ void gateway_t::set_credentials(std::shared_ptr<const credentials_t> credentials
     }
 }
 
-std::shared_ptr<void> gateway_t::admit_stranger() {
-    if (*strangers_ >= limits_.strangers) {
-        guard_.refusals->count(refusals_t::strangers, "a stranger");
-        return nullptr;
-    }
-    ++*strangers_;
-    return {static_cast<void*>(strangers_.get()), [count = strangers_](void*) { --*count; }};
+std::shared_ptr<void> gateway_t::admit_stranger(const std::string& source) {
+    auto place = strangers_.take_place(source);
+    if (!place) guard_.refusals->count(refusals_t::strangers, source);
+    return place;
 }
 
 std::shared_ptr<usage_t> gateway_t::usage_of(const std::string& client) {
-    std::weak_ptr<usage_t>& known = usages_[client];
-    std::shared_ptr<usage_t> usage = known.lock();
+    const auto known = usages_.find(client);
+    std::shared_ptr<usage_t> usage = known == usages_.end() ? nullptr : known->second.lock();
     if (!usage) {
+        std::erase_if(usages_, [](const auto& entry) { return entry.second.expired(); });
         usage = std::make_shared<usage_t>(limits_.client, total_);
-        known = usage;
+        usages_[client] = usage;
     }
     return usage;
 }

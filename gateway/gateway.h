@@ -11,6 +11,7 @@
 #include "gateway/doorkeeper.h"
 #include "gateway/guarded_context.h"
 #include "gateway/listening_forward.h"
+#include "gateway/strangers.h"
 #include "gateway/usage.h"
 
 namespace tandem {
@@ -44,8 +45,8 @@ class gateway_t {
 
     // --- for gateway_context_t ---
     doorkeeper_t& doorkeeper() { return doorkeeper_; }
-    // Null when there are too many connections that are not authorised.
-    std::shared_ptr<void> admit_stranger();
+    // Null when there are too many connections that are not authorised, here or of this source.
+    std::shared_ptr<void> admit_stranger(const std::string& source);
     std::shared_ptr<usage_t> usage_of(const std::string& client);
     void attach(gateway_context_t& context);
     // From now on the context may have its client's listeners.
@@ -59,9 +60,9 @@ class gateway_t {
     const limits_t limits_;
     guarded_context_t::guard_t guard_;
     doorkeeper_t doorkeeper_;
-    std::shared_ptr<uint64_t> strangers_ = std::make_shared<uint64_t>(0);
+    strangers_t strangers_;
     std::shared_ptr<usage_t> total_;
-    std::map<std::string, std::weak_ptr<usage_t>> usages_;
+    std::map<std::string, std::weak_ptr<usage_t>> usages_;           // of who is connected, and few others
     std::map<std::string, std::list<gateway_context_t*>> contexts_;  // of each client, the newest first
     std::map<std::string, gateway_context_t*> borrowers_;            // who has the client's listeners
     std::map<std::string, std::vector<listening_forward_t>> lent_;

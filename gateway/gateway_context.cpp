@@ -1,12 +1,10 @@
 #include "gateway/gateway_context.h"
 
 #include <fcntl.h>
-#include <sys/socket.h>
 
-#include <cstring>
 #include <utility>
 
-#include "gateway/ip_network.h"
+#include "gateway/strangers.h"
 #include "link/tndm.h"
 
 namespace tandem {
@@ -14,19 +12,33 @@ namespace {
 
 // The mark among an interface's options that they have been looked at.
 constexpr const char* admitted = " admitted";
+// Of a client that is let in: a report of as many paths as a connection can have, with long names.
+constexpr size_t longest_control = size_t{16} << 10;
+constexpr size_t most_reported_paths = 32;
+
+// Where the peer is, as far as strangers and attempts are counted together.
+std::string source(void* connection) {
+    char text[64] = "";
+    if (tndm_get_peer_address == nullptr || tndm_get_peer_address(connection, text, sizeof(text)) != 0) {
+        return "somewhere";
+    }
+    return source_of(text);
+}
 
 }  // namespace
 
-std::shared_ptr<gateway_context_t> gateway_context_t::make(std::shared_ptr<gateway_t> gateway) {
-    auto stranger = gateway->admit_stranger();
+std::shared_ptr<gateway_context_t> gateway_context_t::make(std::shared_ptr<gateway_t> gateway, void* connection) {
+    auto stranger = gateway->admit_stranger(source(connection));
     return stranger ? std::make_shared<gateway_context_t>(std::move(gateway), std::move(stranger)) : nullptr;
 }
 
 gateway_context_t::gateway_context_t(std::shared_ptr<gateway_t> gateway, std::shared_ptr<void> stranger)
     : guarded_context_t(gateway->loop(), "", "", "", "", gateway->guard()),
       gateway_(std::move(gateway)),
-      stranger_(std::move(stranger)),
-      deadline_(gateway_->loop(), authorize_within_us, [this] { force_close(); }) {}
+      stranger_(std::move(stranger)) {
+    most_peer_paths_ = most_reported_paths;
+    deadline_.emplace(gateway_->loop(), authorize_within_us, [this] { force_close(); });
+}
 
 gateway_context_t::~gateway_context_t() {
     stop_forwarding();
@@ -36,58 +48,68 @@ gateway_context_t::~gateway_context_t() {
 std::shared_ptr<packet_t> gateway_context_t::on_received_control_packet(uint64_t stream_id,
                                                                         std::shared_ptr<packet_t> packet, bool skip,
                                                                         int fin, bool& handled) {
+    if (is_authorized() && packet && packet->size() > longest_control) {
+        handled = true;
+        refuse(refusals_t::protocol, "a control message that is too long");
+        return nullptr;
+    }
     if (is_authorized()) {
         return guarded_context_t::on_received_control_packet(stream_id, std::move(packet), skip, fin, handled);
     }
     handled = true;
-    if (closed != 0) return nullptr;
-    // Its control stream has ended, and the base ends the connection.
-    if (skip && fin != 0) return nullptr;
+    // When its control stream has ended, the base ends the connection.
+    if (closed != 0 || is_turned_away() || (skip && fin != 0)) return nullptr;
+    if (asked_) {
+        break_off("a second message before the first one was answered");
+    } else if (skip || !packet) {
+        break_off("no handshake");
+    } else {
+        take_handshake(*packet);
+    }
+    return nullptr;
+}
+
+void gateway_context_t::take_handshake(packet_t& packet) {
     handshake_t shown;
-    if (asked_) return break_off("a second message before the first one was answered");
-    if (skip || !packet || !read_handshake(*packet, shown)) return break_off("no handshake");
+    if (!read_handshake(packet, shown)) return break_off("no handshake");
     asked_ = true;
     const std::weak_ptr<gateway_context_t> self = weak_from_this();
-    gateway_->doorkeeper().ask({shown.i, shown.c, shown.t, shown.m}, source(),
+    gateway_->doorkeeper().ask({shown.i, shown.c, shown.t, shown.m}, source(connection),
                                [self, machine = shown.m](const verdict_t& verdict) {
                                    if (const auto context = self.lock()) context->answer(verdict, machine);
                                });
-    return nullptr;
 }
 
-std::shared_ptr<packet_t> gateway_context_t::break_off(const char* what) {
-    refuse(refusals_t::protocol, what);
-    force_close();
-    return nullptr;
+void gateway_context_t::break_off(const char* what) {
+    if (!is_turned_away()) turn_away(refusals_t::protocol, what, verdict_t::wrong_protocol, "wrong protocol");
+}
+
+void gateway_context_t::turn_away(refusals_t::why_t why, const std::string& what, int code, const std::string& reason) {
+    take_no_more();
+    refuse(why, what);
+    const uint64_t stream_id = peer_control_known ? peer_control_stream_id : control_stream_id;
+    send_packet(stream_id, decide_handshake(false, code, reason, 0), 0);
+    deadline_.emplace(gateway_->loop(), leave_within_us, [this] { force_close(); });
 }
 
 void gateway_context_t::answer(const verdict_t& verdict, const std::string& machine) {
-    if (closed != 0) return;
+    if (closed != 0 || is_turned_away()) return;
     if (!verdict.admission) {
-        refuse(verdict.code == verdict_t::try_later ? refusals_t::attempts : refusals_t::credentials, source());
-        send_packet(peer_control_stream_id, decide_handshake(false, verdict.code, verdict.reason, 0), 0);
-        return;
+        const bool later = verdict.code == verdict_t::try_later;
+        return turn_away(later ? refusals_t::attempts : refusals_t::credentials, source(connection), verdict.code,
+                         verdict.reason);
     }
+    const std::string& client = verdict.admission->client;
+    auto usage = gateway_->usage_of(client);
+    link_ = usage_t::hold(usage, usage_t::links);
+    if (!link_) return turn_away(refusals_t::link_limit, client, verdict_t::try_later, "too many connections");
     admission_ = *verdict.admission;
     client_machine_ = machine;
-    deadline_.cancel();
+    deadline_.reset();
     stranger_.reset();
-    let_in(admission_.client, gateway_->usage_of(admission_.client), gateway_->limits().frame_bytes);
+    let_in(client, std::move(usage), gateway_->limits().frame_bytes);
     send_packet(peer_control_stream_id, decide_handshake(true, 0, "", 0), 0);
     gateway_->attach(*this);
-}
-
-// Where the client is, as far as attempts are counted together: its address, of IPv6 the network of its site.
-std::string gateway_context_t::source() const {
-    char text[64] = "";
-    if (tndm_get_peer_address == nullptr || tndm_get_peer_address(connection, text, sizeof(text)) != 0) {
-        return "somewhere";
-    }
-    text[std::strcspn(text, "%")] = 0;
-    auto address = ip_network_t::parse(text);
-    if (!address || address->family != AF_INET6) return text;
-    address->prefix = 64;
-    return address->base().text();
 }
 
 void gateway_context_t::drop_listeners(const std::vector<listening_forward_t>& listeners) {
@@ -125,8 +147,10 @@ bool gateway_context_t::set_if_options(const std::string& ifname, std::multimap<
 }
 
 void gateway_context_t::on_destroy() {
-    deadline_.cancel();
+    deadline_.reset();
     advanced_connection_context_t::on_destroy();
+    stranger_.reset();
+    link_.reset();
     // Now, not in a later turn: the listeners that this connection has borrowed may go to another one.
     update_forwarding();
     gateway_->detach(*this);

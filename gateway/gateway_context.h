@@ -2,6 +2,7 @@
 #define TANDEM_GATEWAY_GATEWAY_CONTEXT_H
 
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,15 +14,17 @@
 namespace tandem {
 
 // The server's side of one connection: forwarding for a client that the gateway has let in, nothing for anybody else.
-// A stranger has one control message, the handshake, and loses the connection when it sends anything more before the
-// answer, or is not authorised within `authorize_within_us`. The answer comes when the credentials have been checked,
-// off the loop. To be made with std::make_shared.
+// A stranger has one control message, the handshake, and is refused when it sends anything else before the answer; it
+// loses the connection when it is not authorised within `authorize_within_us`, or `leave_within_us` after it was
+// refused. The answer comes when the credentials have been checked, off the loop. To be made with std::make_shared.
 class gateway_context_t : public guarded_context_t, public std::enable_shared_from_this<gateway_context_t> {
   public:
     static constexpr uint64_t authorize_within_us = 10'000'000;
+    // A client reads why, and leaves by itself.
+    static constexpr uint64_t leave_within_us = 3'000'000;
 
-    // Null when there are too many strangers.
-    static std::shared_ptr<gateway_context_t> make(std::shared_ptr<gateway_t> gateway);
+    // `connection` tells where the stranger is. Null when there are too many of them.
+    static std::shared_ptr<gateway_context_t> make(std::shared_ptr<gateway_t> gateway, void* connection);
     gateway_context_t(std::shared_ptr<gateway_t> gateway, std::shared_ptr<void> stranger);
     // A worker may be in one of the hooks: it must not meet a half-destroyed object.
     ~gateway_context_t() override;
@@ -50,20 +53,22 @@ class gateway_context_t : public guarded_context_t, public std::enable_shared_fr
 
   protected:
     bool serves_vpn() const override { return vpn_host_ != nullptr; }
+    void break_off(const char* what) override;
 
   private:
-    std::shared_ptr<packet_t> break_off(const char* what);
+    void take_handshake(packet_t& packet);
     void answer(const verdict_t& verdict, const std::string& machine);
-    std::string source() const;
+    void turn_away(refusals_t::why_t why, const std::string& what, int code, const std::string& reason);
 
     std::shared_ptr<gateway_t> gateway_;
-    std::shared_ptr<void> stranger_;
+    std::shared_ptr<void> stranger_;  // its place among the strangers, as long as it is one
+    std::shared_ptr<void> link_;      // its place among its client's connections, from then on
     bool asked_ = false;
     bool confirmed_ = false;
     admission_t admission_;
     std::string client_machine_;
     std::shared_ptr<vpn_host_t> vpn_host_;
-    deadline_t deadline_;
+    std::optional<deadline_t> deadline_;
 };
 
 }  // namespace tandem

@@ -11,6 +11,8 @@ namespace {
 
 // What a stranger can make this side keep for one frame: room for a handshake.
 constexpr uint32_t stranger_frame = 4096;
+// With what stands before it: the marker and the lengths.
+constexpr uint64_t most_stranger_bytes = stranger_frame + 16;
 
 }  // namespace
 
@@ -19,7 +21,8 @@ guarded_context_t::guarded_context_t(st_tloop_t* link_loop, const std::string& i
     : advanced_connection_context_t(link_loop, i, c, t, m), guard_(std::move(guard)) {
     set_delivery(delivery_t::lossless);
     max_frame_length = stranger_frame;
-    admit_stream_ = [this](uint64_t stream_id, int fin) { return admit(stream_id, fin); };
+    admit_stream_ = [this](uint64_t stream_id, uint32_t bytes, int fin) { return admit(stream_id, bytes, fin); };
+    unmarked_handler_ = [this] { break_off("no marker"); };
     keep_partial_ = [this](uint64_t stream_id, uint64_t bytes) { return keep_partial(stream_id, bytes); };
 }
 
@@ -29,6 +32,8 @@ void guarded_context_t::reset(void* new_instance, void* new_connection, st_tloop
     half_frames_.clear();
     seen_.clear();
     first_ = no_stream;
+    stranger_bytes_ = 0;
+    turned_away_ = false;
     advanced_connection_context_t::reset(new_instance, new_connection, link_loop, interval, name);
 }
 
@@ -38,24 +43,15 @@ void guarded_context_t::let_in(const std::string& peer, std::shared_ptr<usage_t>
     max_frame_length = frame_bytes;
 }
 
-bool guarded_context_t::admit(uint64_t stream_id, int fin) {
+bool guarded_context_t::admit(uint64_t stream_id, uint32_t bytes, int fin) {
     if (closed != 0) return false;
-    // The lowest bit tells which side has opened a stream.
-    if (((stream_id ^ control_stream_id) & 1) == 0) return true;
-    // The control stream is the first one; the base tells nothing of others before it is known.
-    if (first_ == no_stream) first_ = stream_id;
-    if (stream_id == first_) return true;
-    if (!is_let_in()) {
-        if (seen_.contains(stream_id)) return false;
-        seen_.insert(stream_id);
-        refuse(refusals_t::protocol, "a stream before the handshake");
-        if (is_server != 0) {
-            force_close();
-        } else {
-            send_packet(stream_id, end_of_stream(), 0);
-        }
-        return false;
-    }
+    // The lowest bit tells which side has opened a stream. The control stream is the first one; the base tells nothing
+    // of others before it is known.
+    const bool own = ((stream_id ^ control_stream_id) & 1) == 0;
+    if (!own && first_ == no_stream) first_ = stream_id;
+    if (turned_away_) return fin != 0 && stream_id == first_;
+    if (!is_let_in()) return admit_of_stranger(stream_id, bytes);
+    if (own || stream_id == first_) return true;
     if (!open_.contains(stream_id)) {
         if (seen_.contains(stream_id)) return false;
         seen_.insert(stream_id);
@@ -67,6 +63,27 @@ bool guarded_context_t::admit(uint64_t stream_id, int fin) {
     }
     if (fin != 0) open_.remove(stream_id);
     return true;
+}
+
+bool guarded_context_t::admit_of_stranger(uint64_t stream_id, uint32_t bytes) {
+    const bool other = ((stream_id ^ control_stream_id) & 1) != 0 && stream_id != first_;
+    if (other && is_server == 0) {
+        if (!seen_.contains(stream_id)) {
+            refuse(refusals_t::protocol, "a stream before the handshake");
+            send_packet(stream_id, end_of_stream(), 0);
+        }
+        seen_.insert(stream_id);
+        return false;
+    }
+    stranger_bytes_ += bytes;
+    if (!other && stranger_bytes_ <= most_stranger_bytes) return true;
+    break_off(other ? "a stream before the handshake" : "too many bytes before the answer");
+    return false;
+}
+
+void guarded_context_t::break_off(const char* what) {
+    refuse(refusals_t::protocol, what);
+    force_close();
 }
 
 // Before the peer is let in there is one stream, and a frame is short.

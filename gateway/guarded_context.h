@@ -40,8 +40,9 @@ class rule_book_t {
 };
 
 // One end of a connection, whose peer may only open what the rules allow and only as much as the limits do. At a limit
-// the stream that goes beyond it is ended; nothing else suffers. Lossless. Nobody is served before `let_in`: a
-// client that opens a stream besides its control stream before loses its connection; a server loses the stream.
+// the stream that goes beyond it is ended; nothing else suffers. Lossless. Nobody is served before `let_in`, and until
+// then the marker and one short message is all that a peer may send, however it cuts them: one that sends more loses
+// its connection. (A server that opens a stream too early loses the stream.)
 //
 // Needs the link's loop for forwarding. A derived class calls stop_forwarding in its destructor.
 class guarded_context_t : public advanced_connection_context_t {
@@ -67,6 +68,11 @@ class guarded_context_t : public advanced_connection_context_t {
     // Opens the application's listeners for this connection; descriptors stay open behind it.
     void serve(const std::vector<listening_forward_t>& listeners);
     bool is_let_in() const { return usage_ != nullptr; }
+    // Who is not let in has sent what it may not. Ends the connection.
+    virtual void break_off(const char* what);
+    // From now on nothing is taken but the end of the peer's first stream.
+    void take_no_more() { turned_away_ = true; }
+    bool is_turned_away() const { return turned_away_; }
     const std::string& peer() const { return peer_; }
     void refuse(refusals_t::why_t why, const std::string& what = {}) const {
         guard_.refusals->count(why, peer_.empty() ? "a stranger" : peer_, what);
@@ -101,7 +107,8 @@ class guarded_context_t : public advanced_connection_context_t {
         std::unordered_map<uint64_t, uint64_t> booked_;  // by stream, bytes
     };
 
-    bool admit(uint64_t stream_id, int fin);
+    bool admit(uint64_t stream_id, uint32_t bytes, int fin);
+    bool admit_of_stranger(uint64_t stream_id, uint32_t bytes);
     bool keep_partial(uint64_t stream_id, uint64_t bytes);
     target_t to_target(const request_t& request) const;
 
@@ -109,8 +116,10 @@ class guarded_context_t : public advanced_connection_context_t {
     // Set before the first request, so that workers may read them.
     std::string peer_;
     std::shared_ptr<usage_t> usage_;
-    uint64_t first_ = no_stream;  // of the peer's streams
-    open_streams_t open_;         // the peer's other streams
+    uint64_t first_ = no_stream;   // of the peer's streams
+    uint64_t stranger_bytes_ = 0;  // taken before it was let in
+    bool turned_away_ = false;
+    open_streams_t open_;  // the peer's other streams
     half_frames_t half_frames_;
     stream_set_t seen_;  // streams of the peer that were open or refused: what follows on them is no request
 };

@@ -9,10 +9,10 @@
 namespace tandem {
 namespace {
 
-constexpr const char* names[] = {"target not allowed",    "too many streams",      "too many forwarded connections",
-                                 "too many being opened", "too many a second",     "too much queued",
-                                 "too many strangers",    "wrong protocol",        "wrong id or secret",
-                                 "too many attempts",     "VPN interface refused:"};
+constexpr const char* names[] = {"target not allowed",    "too many streams",       "too many forwarded connections",
+                                 "too many being opened", "too many a second",      "too much queued",
+                                 "too many strangers",    "wrong protocol",         "wrong id or secret",
+                                 "too many attempts",     "VPN interface refused:", "too many links"};
 static_assert(std::size(names) == refusals_t::kinds);
 
 std::string printable(std::string text) {

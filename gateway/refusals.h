@@ -23,6 +23,7 @@ class refusals_t {
         credentials,
         attempts,
         vpn,
+        link_limit,
         kinds
     };
 

@@ -33,8 +33,11 @@ class descriptor_t {
 
 // Both return what is wrong and how to mend it, behind the file's name; empty when all is well.
 
-// Whether an open file is regular, this process's user's or root's, and closed to everybody else.
-std::string check_private(const std::string& path, int fd);
+// Whose a private file may be: this process's user's or root's; or, when this process is root, anybody's, for root
+// keeps the files of services that have users of their own.
+enum class private_to_t { this_user, whom_root_serves };
+// Whether an open file is regular, belongs to whom it may, and is closed to everybody else.
+std::string check_private(const std::string& path, int fd, private_to_t whom = private_to_t::this_user);
 // A regular file of at most 1 MiB, from its beginning.
 std::string read_text(const std::string& path, int fd, std::string& text);
 std::string read_text(const std::string& path, std::string& text);

@@ -5,7 +5,7 @@
 namespace tandem {
 
 usage_t::usage_t(const share_t& share, std::shared_ptr<usage_t> whole)
-    : limit_{share.streams, share.instances, share.workers, share.queued_bytes},
+    : limit_{share.streams, share.instances, share.workers, share.queued_bytes, share.links},
       requests_(share.requests_per_second),
       whole_(std::move(whole)) {}
 

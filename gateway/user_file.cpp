@@ -9,8 +9,6 @@
 #include <cstdio>
 #include <cstring>
 
-#include "gateway/text_file.h"
-
 namespace tandem {
 namespace {
 
@@ -33,7 +31,10 @@ std::string lock_file(const std::string& path, descriptor_t& out) {
     }
 }
 
-std::string replace_file(const std::string& path, const std::string& text) {
+// The file that is open as `old` gives its owner and mode to the one that takes its place.
+std::string replace_file(const std::string& path, int old, const std::string& text) {
+    struct stat kept {};
+    if (fstat(old, &kept) != 0) return fault(path, "cannot be replaced");
     const std::string fresh = path + ".new";
     unlink(fresh.c_str());
     {
@@ -45,15 +46,18 @@ std::string replace_file(const std::string& path, const std::string& text) {
             if (wrote <= 0) return fault(fresh, "cannot be written");
             done += static_cast<size_t>(wrote);
         }
+        const bool given =
+            geteuid() != 0 || fchown(file.fd(), kept.st_uid, kept.st_gid) == 0;  // others can only have their own
+        if (!given || fchmod(file.fd(), kept.st_mode & 07777) != 0) return fault(fresh, "cannot be given its owner");
         if (fsync(file.fd()) != 0) return fault(fresh, "cannot be written");
     }
     if (rename(fresh.c_str(), path.c_str()) != 0) return fault(path, "cannot be replaced");
     return {};
 }
 
-std::string read_list(const std::string& path, int fd, user_list_t& users) {
+std::string read_list(const std::string& path, int fd, user_list_t& users, private_to_t whom) {
     std::string text;
-    std::string wrong = check_private(path, fd);
+    std::string wrong = check_private(path, fd, whom);
     if (wrong.empty()) wrong = read_text(path, fd, text);
     if (!wrong.empty()) return wrong;
     wrong = users.read(text);
@@ -62,10 +66,10 @@ std::string read_list(const std::string& path, int fd, user_list_t& users) {
 
 }  // namespace
 
-std::string read_user_file(const std::string& path, user_list_t& users) {
+std::string read_user_file(const std::string& path, user_list_t& users, private_to_t whom) {
     const descriptor_t file(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK));
     if (!file) return fault(path, "cannot be opened") + "; make it with: tandem user add ID --users " + path;
-    return read_list(path, file.fd(), users);
+    return read_list(path, file.fd(), users, whom);
 }
 
 std::string change_user_file(const std::string& path, const std::function<std::string(user_list_t&)>& change) {
@@ -73,9 +77,9 @@ std::string change_user_file(const std::string& path, const std::function<std::s
     std::string wrong = lock_file(path, locked);
     if (!wrong.empty()) return wrong;
     user_list_t users;
-    wrong = read_list(path, locked.fd(), users);
+    wrong = read_list(path, locked.fd(), users, private_to_t::whom_root_serves);
     if (wrong.empty()) wrong = change(users);
-    return wrong.empty() ? replace_file(path, users.text()) : wrong;
+    return wrong.empty() ? replace_file(path, locked.fd(), users.text()) : wrong;
 }
 
 }  // namespace tandem

@@ -112,9 +112,8 @@ TEST(program, users_rules_and_listeners_at_the_server) {
     link.scratch().write("rules", "allow bob tcp 127.0.0.0/8 *\n");
     EXPECT_TRUE(server.wait_error("the rules are read again"));
     EXPECT_NE(exchange(connect_tcp(port).fd(), 1, 1000), "") << "the target is denied now";
-    user("remove", "alice");
-    EXPECT_EQ(client.wait(), 1) << "revoked, and refused when it comes again";
-    expect_part(client.errors(), "refused this client (wrong id or secret)");
+    client.end();
+    server.end();
 }
 
 TEST(program, a_server_that_is_not_trusted_gets_no_secret) {

@@ -61,8 +61,11 @@ class gateway : public testing::Test, public client_observer_t {
         peer_stream = 4;
         shared = std::make_shared<gateway_t>(
             loop.handle(), gateway_t::settings_t{limits, std::move(credentials), rules(rule_text), 0});
-        link.register_connection_context_factory(
-            [this](void*, void*, const std::string&) { return gateway_context_t::make(shared); });
+        link.register_connection_context_factory([this](void*, void* made, const std::string&) {
+            auto context = gateway_context_t::make(shared, made);
+            last = context;
+            return context;
+        });
         start(options);
     }
 
@@ -112,17 +115,25 @@ class gateway : public testing::Test, public client_observer_t {
         next_connection();
     }
 
-    void next_connection() {
+    void next_connection(const std::string& first = fake::marker) {
         connection = fake::connect("tndm");
-        loop.hold([this] {
+        loop.hold([&] {
             fake::establish(connection);
-            fake::deliver(connection, peer_control, fake::marker);
+            if (!connection->deleted) fake::deliver(connection, peer_control, first);
         });
+    }
+
+    // Told why, with the end of a control stream, and deleted when it does not go by itself.
+    void expect_broken_off() {
+        EXPECT_EQ(sent_code(), verdict_t::wrong_protocol);
+        EXPECT_TRUE(fake::stream(connection, peer_control).fin || fake::stream(connection, peer_control ^ 1).fin);
+        loop.fire_timers();
+        EXPECT_TRUE(connection->deleted);
     }
 
     // The code of the answer to a handshake, as it travels.
     int sent_code() {
-        const std::string bytes = fake::sent(connection, peer_control);
+        const std::string bytes = fake::sent(connection, peer_control) + fake::sent(connection, peer_control ^ 1);
         const size_t at = bytes.find("\xa1r");
         return at == std::string::npos ? -1 : static_cast<uint8_t>(bytes.at(at + 2));
     }
@@ -136,6 +147,7 @@ class gateway : public testing::Test, public client_observer_t {
 
     fake::loop_t loop;
     std::shared_ptr<gateway_t> shared;
+    std::shared_ptr<gateway_context_t> last;
     link_t link;
     fake::connection_t* connection = nullptr;
     // The peer's first two streams: a server's.
@@ -153,7 +165,7 @@ TEST_F(gateway, a_stranger_gets_no_stream_and_a_client_does) {
     const app::listener_t target({"127.0.0.1", 0});
     serve(secret());
     fake::deliver(connection, peer_stream, request_of(target));
-    EXPECT_TRUE(connection->deleted) << "a stream before the handshake";
+    expect_broken_off();
     EXPECT_FALSE(is_reached(target, 50));
 
     next_connection();
@@ -200,8 +212,58 @@ TEST_F(gateway, a_stranger_has_one_small_message_and_little_time) {
     for (const std::string& wrong : {report, announced, handshake("secret") + handshake("secret")}) {
         next_connection();
         fake::deliver(connection, peer_control, wrong);
-        EXPECT_TRUE(connection->deleted);
+        expect_broken_off();
     }
+    // However it is cut: frames before the marker, and one message in one byte after the other.
+    next_connection(fake::frame("x") + fake::marker);
+    expect_broken_off();
+    next_connection();
+    const std::string endless = handshake(std::string(4000, 'x')).substr(0, 2) + std::string(5000, 'x');
+    size_t taken = 0;
+    for (; taken < endless.size() && sent_code() < 0; ++taken)
+        fake::deliver(connection, peer_control, endless.substr(taken, 1));
+    EXPECT_LE(taken, 4200U);
+    expect_broken_off();
+    EXPECT_EQ(refusals(refusals_t::protocol), 5U);
+    // What was refused cannot be let in by what comes late.
+    fake::deliver(connection, peer_control, handshake("secret"));
+    EXPECT_FALSE(turns([&] { return last->is_authorized(); }, std::chrono::milliseconds(200)));
+}
+
+TEST_F(gateway, a_client_has_so_many_links_and_a_source_so_many_strangers) {
+    limits_t limits;
+    limits.client.links = 1;
+    limits.source_strangers = 2;
+    serve(secret(), "allow * * 127.0.0.0/8 *", limits);
+    ASSERT_EQ(present("secret"), 0);
+    fake::connection_t* const first = connection;
+    next_connection();
+    EXPECT_EQ(present("secret"), verdict_t::try_later);
+    EXPECT_EQ(refusals(refusals_t::link_limit), 1U);
+    loop.hold([&] { fake::disconnect(first); });
+    next_connection();
+    EXPECT_EQ(present("secret"), 0);
+    next_connection();
+    EXPECT_FALSE(connection->deleted);
+    next_connection();
+    EXPECT_TRUE(connection->deleted) << "two are there: the one that was refused, and one that says nothing";
+}
+
+TEST_F(gateway, of_a_path_report_only_so_much_is_kept) {
+    serve(secret());
+    ASSERT_EQ(present("secret"), 0);
+    packet_t many(0);
+    many.pack_string("PATH");
+    for (int i = 0; i < 40; ++i) {
+        path_state_t path;
+        path.name = std::to_string(i);
+        path.fill_to_packet(&many);
+    }
+    fake::deliver(connection, peer_control, frame(fake::body_of(many)));
+    EXPECT_EQ(last->peer_report(SIZE_MAX).size(), 32U);
+    fake::deliver(connection, peer_control, frame("\xA4PATH" + std::string(100'000, 'x')));
+    EXPECT_EQ(last->peer_report(SIZE_MAX).size(), 32U) << "dropped as a whole";
+    EXPECT_EQ(refusals(refusals_t::protocol), 1U);
 }
 
 TEST_F(gateway, forbidden_targets_cannot_be_reached_in_any_form) {

@@ -1,7 +1,10 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include "forward/stream_set.h"
 #include "gateway/attempt_gate.h"
+#include "gateway/strangers.h"
 #include "gateway/target_rules.h"
 #include "gateway/token_bucket.h"
 #include "gateway/usage.h"
@@ -55,26 +58,74 @@ TEST(target_rules, a_fault_is_told_with_its_line) {
     EXPECT_TRUE(rules.empty());
 }
 
-TEST(attempt_gate, failures_slow_down_their_source_only) {
+TEST(attempt_gate, failures_slow_down_their_id_and_source_only) {
     attempt_gate_t gate;
     int64_t now = 1'000'000'000;
-    int64_t last = -1;
-    for (int i = 0; i < 5; ++i) {
-        const auto wait = gate.begin("a", now);
-        ASSERT_TRUE(wait);
-        EXPECT_GT(*wait, last);
-        last = *wait;
-        gate.end("a", true, now + *wait);
-        now += *wait;
+    const auto fails = [&](const std::string& source, const std::string& id) {
+        const bool begun = gate.begin(source, id, now);
+        if (begun) gate.end(source, id, true, now);
+        return begun;
+    };
+    // Right ones cost nothing, however many come from one source.
+    for (int i = 0; i < 100; ++i) {
+        ASSERT_TRUE(gate.begin("a", "bob", now));
+        gate.end("a", "bob", false, now);
     }
-    EXPECT_EQ(gate.begin("b", now), 0);
-    unsigned let_in = 0;
-    while (gate.begin("a", now))
-        ++let_in;
-    EXPECT_LE(let_in, attempt_gate_t::most_at_once);
-    for (size_t i = 0; i < 2 * attempt_gate_t::most_sources; ++i)
-        gate.begin(std::to_string(i), now);
-    EXPECT_EQ(gate.begin("a", now + 3'600'000'000), 0) << "forgotten";
+    for (int64_t gap = attempt_gate_t::first_gap_us; gap <= attempt_gate_t::longest_gap_us; gap *= 2) {
+        EXPECT_TRUE(fails("a", "alice"));
+        now += gap - 1;
+        EXPECT_FALSE(fails("a", "alice"));
+        EXPECT_TRUE(gate.begin_first("a", "bob", now)) << "no neighbour is in the way";
+        gate.end_first("a", "bob", false, now);
+        ++now;
+    }
+    // Ids that somebody makes up share what their source may fail.
+    int64_t failed = 0;
+    for (int i = 0; i < 1000; ++i)
+        failed += fails("a", std::to_string(i)) ? 1 : 0;
+    EXPECT_GT(failed, 8);
+    EXPECT_LE(failed, attempt_gate_t::most_failures);
+    EXPECT_TRUE(fails("b", "x"));
+    EXPECT_TRUE(gate.begin_first("a", "bob", now));
+    gate.end_first("a", "bob", true, now);
+    EXPECT_FALSE(gate.begin_first("a", "bob", now)) << "nobody guesses first in a row";
+    EXPECT_FALSE(gate.begin_first("b", "bob", now)) << "proved at the other source";
+    now += 60'000'000;
+    unsigned at_once = 0;
+    while (gate.begin("a", std::to_string(at_once), now))
+        ++at_once;
+    EXPECT_EQ(at_once, attempt_gate_t::most_at_once);
+}
+
+TEST(strangers, a_source_has_its_share_in_every_form_of_its_address) {
+    strangers_t strangers(3, 2);
+    auto one = strangers.take_place(source_of("192.0.2.1"));
+    const auto two = strangers.take_place(source_of("::ffff:192.0.2.1"));
+    EXPECT_TRUE(one && two);
+    EXPECT_FALSE(strangers.take_place(source_of("192.0.2.1")));
+    const auto three = strangers.take_place(source_of("2001:db8::1%eth0"));
+    EXPECT_TRUE(three);
+    EXPECT_FALSE(strangers.take_place(source_of("192.0.2.2"))) << "no more in all";
+    one.reset();
+    EXPECT_TRUE(strangers.take_place(source_of("192.0.2.1")));
+    EXPECT_EQ(source_of("2001:db8::1"), source_of("2001:db8::ffff:0:0:1"));
+    EXPECT_NE(source_of("2001:db8::1"), source_of("2001:db8:0:1::1"));
+}
+
+TEST(stream_set, stays_small_and_forgets_no_stream_that_was_used) {
+    stream_set_t set;
+    for (uint64_t id = 1; id < 8 * 3 * stream_set_t::most_runs; id += 8)
+        set.insert(id);
+    for (uint64_t id = 1; id < 8 * 3 * stream_set_t::most_runs; id += 8)
+        ASSERT_TRUE(set.contains(id));
+    EXPECT_TRUE(set.contains(5)) << "the oldest gaps are closed";
+    EXPECT_FALSE(set.contains(8 * 3 * stream_set_t::most_runs - 3)) << "the newest are not";
+    EXPECT_FALSE(set.contains(2));
+    set.clear();
+    for (const uint64_t id : {8, 0, 4})
+        set.insert(id);
+    EXPECT_TRUE(set.contains(0) && set.contains(4) && set.contains(8));
+    EXPECT_FALSE(set.contains(12));
 }
 
 TEST(usage, a_part_never_takes_more_than_the_whole_has) {
@@ -116,14 +167,26 @@ TEST(user_file, keeps_hashes_closed_to_others_and_tells_faults) {
     struct stat status {};
     ASSERT_EQ(stat(path.c_str(), &status), 0);
     EXPECT_EQ(status.st_mode & 0777, 0600U);
+    // A service's file, changed by root, stays the service's.
+    ASSERT_EQ(geteuid(), 0U) << "needs root: only root gives files away";
+    ASSERT_EQ(chown(path.c_str(), 65534, 65533), 0);
+    ASSERT_EQ(chmod(path.c_str(), 0400), 0);
+    ASSERT_EQ(add("carol", "three"), "");
+    ASSERT_EQ(stat(path.c_str(), &status), 0);
+    EXPECT_EQ(status.st_uid, 65534U);
+    EXPECT_EQ(status.st_gid, 65533U);
+    EXPECT_EQ(status.st_mode & 0777, 0400U);
+    EXPECT_NE(read_user_file(path, users).find("another user"), std::string::npos) << "a server has its own";
+    ASSERT_EQ(read_user_file(path, users, private_to_t::whom_root_serves), "");
     ASSERT_EQ(chmod(path.c_str(), 0640), 0);
+    ASSERT_EQ(chown(path.c_str(), 0, 0), 0);
     EXPECT_NE(read_user_file(path, users).find("chmod 600"), std::string::npos);
-    EXPECT_NE(add("carol", "three"), "");
+    EXPECT_NE(add("dave", "four"), "");
 
     const std::string text = users.text();
     EXPECT_EQ(users.read("\nalice nonsense\n").find("line 2: "), 0U);
-    EXPECT_EQ(users.read(text + text).find("line 3: alice"), 0U);
-    EXPECT_EQ(users.users().size(), 2U) << "a fault changes nothing";
+    EXPECT_EQ(users.read(text + text).find("line 4: alice"), 0U);
+    EXPECT_EQ(users.users().size(), 3U) << "a fault changes nothing";
 }
 
 }  // namespace
