@@ -17,7 +17,6 @@ doorkeeper_t::doorkeeper_t(st_tloop_t* loop, std::shared_ptr<const credentials_t
     : loop_(loop), credentials_(std::move(credentials)), failure_delay_(failure_delay), worker_(loop) {}
 
 void doorkeeper_t::ask(presented_t client, const std::string& source, answer_t answer) {
-    if (attempts_.size() >= most_attempts) return answer(try_later());
     const number_t number = next_++;
     const int64_t now = clock_us();
     const attempt_t& attempt =

@@ -35,7 +35,6 @@ class doorkeeper_t {
   public:
     using answer_t = std::function<void(const verdict_t&)>;
     static constexpr int64_t failure_delay_us = 1'000'000;
-    static constexpr size_t most_attempts = 1024;  // under way; what is more is put off at once
 
     // `failure_delay`: from an attempt to the answer that it was wrong, in microseconds.
     doorkeeper_t(st_tloop_t* loop, std::shared_ptr<const credentials_t> credentials,
@@ -45,7 +44,7 @@ class doorkeeper_t {
     void set_credentials(std::shared_ptr<const credentials_t> credentials) { credentials_ = std::move(credentials); }
     const credentials_t& credentials() const { return *credentials_; }
     // `source` is where the client is; `answer` is called once, perhaps from inside the call, and not when the
-    // doorkeeper is destroyed before.
+    // doorkeeper is destroyed before. Attempts are kept until then: `answer` holds what bounds their number.
     void ask(presented_t client, const std::string& source, answer_t answer);
 
   private:

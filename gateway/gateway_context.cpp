@@ -75,7 +75,8 @@ void gateway_context_t::take_handshake(packet_t& packet) {
     asked_ = true;
     const std::weak_ptr<gateway_context_t> self = weak_from_this();
     gateway_->doorkeeper().ask({shown.i, shown.c, shown.t, shown.m}, source(connection),
-                               [self, machine = shown.m](const verdict_t& verdict) {
+                               // Who goes before the answer leaves its place only then.
+                               [self, machine = shown.m, place = stranger_](const verdict_t& verdict) {
                                    if (const auto context = self.lock()) context->answer(verdict, machine);
                                });
 }
