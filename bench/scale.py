@@ -123,7 +123,7 @@ def crowd(tandem, chosen):
         many, last = busy(caller, chosen.busy, chosen, tandem)
         full = [resident_kib(process) for process in tandem.processes]
         print(f"goodput of one connection alone {single:.0f} Mbit/s; beside the idle ones {beside:.0f}; of {chosen.busy} beside "
-              f"them {many:.0f}: {many / single:.2f} of one (target 0.8)")
+              f"them {many:.0f}: {many / single:.2f} of one alone (target 0.8), {many / beside:.2f} of one beside them")
         print(f"  of those, the slowest got {last['least_kib']:.0f} KiB, the fastest {last['most_kib']:.0f} KiB; "
               f"all had begun after {last['started']:.1f} s; memory {full[0] / 1024:.0f} MiB at the server, "
               f"{full[1] / 1024:.0f} MiB at the client; at rest {last['rest']:.1f} s after they were closed")
