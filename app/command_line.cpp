@@ -59,7 +59,7 @@ CLI::App* add_server(CLI::App& app, typed_t& typed) {
         ->expected(1)
         ->take_all()
         ->type_name("RULE");
-    command->add_option("--listen", typed.listen, "UDP port")->capture_default_str()->type_name("PORT");
+    command->add_option("--listen", typed.listen, "UDP port")->capture_default_str()->type_name("[ADDR:]PORT");
     add_gateway_options(*command, typed.gateway);
     add_link_options(*command, typed.server.link, typed.watch);
     return command;
@@ -145,9 +145,9 @@ void check_link(link_settings_t& link, const std::string& watch) {
 
 server_command_t checked_server(typed_t& typed) {
     check_link(typed.server.link, typed.watch);
-    const auto port = parse_port(typed.listen);
-    if (!port) throw bad_value("--listen", typed.listen, "give a UDP port from 1 to 65535");
-    typed.server.listen_port = *port;
+    const auto listen = parse_server_listen(typed.listen);
+    if (!listen) throw bad_value("--listen", typed.listen, "give a UDP port, or an address of this machine and a port");
+    typed.server.listen = *listen;
     typed.server.gateway = checked_gateway(typed.gateway);
     if (typed.server.link.secret_file.empty() == typed.server.gateway.users_file.empty())
         throw failure_t("give either --users or --secret; see tandem server --help", exit_usage);

@@ -31,7 +31,7 @@ struct server_command_t {
     link_settings_t link;
     std::string cert_file;
     std::string key_file;
-    uint16_t listen_port = default_port;
+    endpoint_t listen{"", default_port};  // as parse_server_listen() has it
     vpn_rules_t vpn_rules;
     gateway_settings_t gateway;
 };

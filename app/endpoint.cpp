@@ -88,6 +88,16 @@ std::optional<endpoint_t> parse_endpoint(std::string_view text, std::optional<ui
     return endpoint_t{halves->host, *port};
 }
 
+std::optional<endpoint_t> parse_server_listen(std::string_view text) {
+    if (const auto port = parse_port(text, 0)) return endpoint_t{"", *port};
+    const std::optional<halves_t> halves = split(text);
+    if (!halves || !halves->port) return std::nullopt;
+    const auto port = parse_port(*halves->port, 0);
+    const bool any = halves->host == "*";
+    if (!port || !(any || is_numeric(halves->bracketed ? AF_INET6 : AF_INET, halves->host))) return std::nullopt;
+    return endpoint_t{any && halves->bracketed ? "[*]" : halves->host, *port};
+}
+
 std::optional<tcp_forward_t> parse_tcp_forward(std::string_view text) {
     const size_t equals = text.find('=');
     if (equals == std::string_view::npos) return std::nullopt;

@@ -25,6 +25,10 @@ std::optional<uint16_t> parse_port(std::string_view text, uint16_t lowest = 1);
 // group would read as a port.
 std::optional<endpoint_t> parse_endpoint(std::string_view text, std::optional<uint16_t> default_port = std::nullopt);
 
+// Where a server listens: PORT for every address of both families (`host` is empty), *:PORT for those of IPv4, [*]:PORT
+// (`host` is "[*]") like PORT alone, ADDR:PORT and [V6]:PORT. Port 0 lets the system choose.
+std::optional<endpoint_t> parse_server_listen(std::string_view text);
+
 // One TCP forward: where the client listens, and what the server connects to for every connection accepted there.
 struct tcp_forward_t {
     endpoint_t listen;  // a numeric address; port 0 lets the system choose

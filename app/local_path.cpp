@@ -1,12 +1,12 @@
 #include "app/local_path.h"
 
-#include <arpa/inet.h>
 #include <net/if.h>
 #include <sys/socket.h>
 
 #include <algorithm>
 
 #include "app/file.h"
+#include "common/address.h"
 
 namespace tandem::app {
 namespace {
@@ -31,10 +31,11 @@ std::string path_name(std::string_view path) {
 }
 
 bool is_path_present(const std::string& name) {
-    sockaddr_in address{};
-    address.sin_family = AF_INET;
-    if (inet_pton(AF_INET, name.c_str(), &address.sin_addr) != 1) return if_nametoindex(name.c_str()) != 0;
-    const file_t probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    sockaddr_storage address;
+    bool is_name = false;
+    if (t_get_address(name.c_str(), 0, &address, is_name, true) != 0 || is_name)
+        return if_nametoindex(name.c_str()) != 0;
+    const file_t probe(socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     return bind(probe.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
 }
 

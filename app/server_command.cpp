@@ -17,6 +17,7 @@
 #include "app/server_files.h"
 #include "app/vpn_server.h"
 #include "app/watch.h"
+#include "common/address.h"
 #include "gateway/gateway_context.h"
 #include "link/link.h"
 
@@ -28,7 +29,7 @@ options_t to_options(const server_command_t& command) {
     options.is_server = 1;
     options.cert = command.cert_file;
     options.key = command.key_file;
-    options.listen_port = command.listen_port;
+    options.listen_port = command.listen.port;
     // What the gateway would refuse need not be opened.
     options.transport_param_a =
         static_cast<uint32_t>(std::min<uint64_t>(command.gateway.limits.client.streams, UINT32_MAX));
@@ -37,19 +38,26 @@ options_t to_options(const server_command_t& command) {
     return options;
 }
 
+// A machine may be without IPv6.
+std::string listen_address(const server_command_t& command) {
+    if (!command.listen.host.empty()) return command.listen.host;
+    return file_t(socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0)) ? "[*]" : "*";
+}
+
 // Why the link could not be made. Certificate and key have been checked, so it is mostly the port, which the link does
 // not say.
 failure_t explain_failure(const server_command_t& command) {
-    const file_t probe(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-    sockaddr_in any{};
-    any.sin_family = AF_INET;
-    any.sin_port = htons(command.listen_port);
-    const std::string port = std::to_string(command.listen_port);
-    if (!probe || bind(probe.fd(), reinterpret_cast<const sockaddr*>(&any), sizeof(any)) == 0) {
+    sockaddr_storage address;
+    bool is_name = false;
+    t_get_address(listen_address(command).c_str(), command.listen.port, &address, is_name, true);
+    const file_t probe(socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    const std::string port = std::to_string(command.listen.port);
+    if (!probe || bind(probe.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0) {
         return failure_t("cannot start on UDP port " + port + "; the messages above or in the log file say why");
     }
-    const char* cure = errno == EADDRINUSE ? "choose another port, or end the program that has this one"
-                                           : "choose a port above 1023, or run as root";
+    const char* cure = errno == EADDRINUSE      ? "choose another port, or end the program that has this one"
+                       : errno == EADDRNOTAVAIL ? "choose an address of this machine"
+                                                : "choose a port above 1023, or run as root";
     return failure_t("--listen: cannot use UDP port " + port + " (" + strerror(errno) + "); " + cure);
 }
 
@@ -85,6 +93,7 @@ int run_server(const server_command_t& command, const standard_streams_t& stream
         if (watch) watch->add(instance, connection, made, [of = made.get()] { return of->client_machine(); });
         return made;
     });
+    link.set_listen_address(listen_address(command));
     if (link.create(to_options(command), loop.get()) != 0) {
         link.destroy();
         throw explain_failure(command);
@@ -94,7 +103,7 @@ int run_server(const server_command_t& command, const standard_streams_t& stream
     files.watch(gateway, [&](const std::string& line) { fprintf(streams.err(), "tandem server: %s\n", line.c_str()); });
     for (const std::string& line : lines)
         fprintf(notices, "%s\n", line.c_str());
-    fprintf(notices, "listening on UDP port %u\n", unsigned{command.listen_port});
+    fprintf(notices, "listening on UDP port %u\n", unsigned{link.listen_port()});
     loop.run();
     link.destroy();
     return exit_ok;

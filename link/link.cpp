@@ -1,5 +1,6 @@
 #include "link/link.h"
 
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <cstdio>
@@ -8,6 +9,7 @@
 #include <utility>
 #include <vector>
 
+#include "common/address.h"
 #include "common/log.h"
 #include "context/connection_context.h"
 
@@ -70,8 +72,17 @@ bool link_t::start_loop_thread() {
     return true;
 }
 
+int link_t::open_server_socket() const {
+    const auto port = static_cast<uint16_t>(options_.listen_port);
+    sockaddr_storage address;
+    bool is_name = false;
+    if (t_get_address(listen_address_.c_str(), port, &address, is_name, true) != 0 || is_name) return -1;
+    const bool any = listen_address_.empty() || listen_address_.front() == '*' || listen_address_.front() == '[';
+    return tndm_open_socket(address.ss_family, port, any ? nullptr : listen_address_.c_str());
+}
+
 int link_t::start_server() {
-    server_socket_ = tndm_open_socket(AF_INET, static_cast<uint16_t>(options_.listen_port), nullptr);
+    server_socket_ = open_server_socket();
     if (server_socket_ <= 0) return -1;
     server_record_ = {};
     server_record_.alpn = options_.alpn.c_str();
@@ -206,6 +217,18 @@ bool link_t::register_connection_context_factory(factory_t factory) {
 
 void link_t::set_schedule(std::string name) {
     schedule_ = std::move(name);
+}
+
+void link_t::set_listen_address(std::string address) {
+    listen_address_ = std::move(address);
+}
+
+uint16_t link_t::listen_port() const {
+    sockaddr_in6 address{};  // the port stands at the same place in both families
+    socklen_t length = sizeof(address);
+    if (server_socket_ <= 0 || getsockname(server_socket_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+        return 0;
+    return ntohs(address.sin6_port);
 }
 
 void link_t::set_problem_handler(problem_handler_t handler) {

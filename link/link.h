@@ -65,6 +65,13 @@ class TANDEM_API link_t {
     // which fails when the transport knows no such schedule.
     void set_schedule(std::string name);
 
+    // Which of its addresses a server listens on: a numeric one, "*" for every IPv4 address (as without a call), "[*]"
+    // or
+    // "::" for every address of both families. Set it before create(), which fails when it is none of these.
+    void set_listen_address(std::string address);
+    // The UDP port that a server has, also when it was left to the system (port 0); 0 when it has none.
+    uint16_t listen_port() const;
+
     // The loop thread's body; `link` is a link_t.
     static void tndm_instance_loop(void* link);
 
@@ -83,6 +90,7 @@ class TANDEM_API link_t {
   private:
     using context_ptr = std::shared_ptr<connection_context_t>;
 
+    int open_server_socket() const;
     int start_server();
     int start_client();
     bool start_loop_thread();
@@ -113,6 +121,7 @@ class TANDEM_API link_t {
     std::shared_ptr<bool> loop_orphaned_;
     problem_handler_t problem_handler_;
     std::string schedule_;  // empty: not told to the transport
+    std::string listen_address_;
 };
 
 }  // namespace tandem

@@ -28,7 +28,9 @@ typedef void (*tndm_connection_cb)(void* instance, const st_tndm_connection_id_t
  * (`len` may then be 0); `out` is not used. */
 typedef void (*tndm_data_cb)(void* instance, void* connection, uint64_t stream_id, int fin, const uint8_t* data,
                              uint32_t len, int* out);
-/* Asks for the socket of a path; 0 or less means that there is none now. */
+/* Asks for the socket of a path; 0 or less means that there is none now. Towards an IPv6 address of the server
+ * TNDM_PATH_FAMILY_IPV6 stands behind the path's text: tndm_open_socket obeys it, whatever family it is given. */
+#define TNDM_PATH_FAMILY_IPV6 ";family:ipv6"
 typedef int (*tndm_create_path_cb)(void* opaque, const char* path);
 /* The socket of a path has failed and is given back. */
 typedef int (*tndm_path_broken_cb)(void* opaque, const char* path, int socket);
@@ -116,7 +118,7 @@ TANDEM_PLATFORM_API int tndm_start_client(void* instance, const char* host, uint
 /* 0 on success. The socket stays the caller's. */
 TANDEM_PLATFORM_API int tndm_start_server(void* instance, int socket, const st_tndm_server_t* record);
 /* A non-blocking UDP socket of `family` on `port` (0: any), bound to `path` (an interface or a local address) unless
- * that is null or empty; -1 on failure. */
+ * that is null or empty; -1 on failure. An IPv6 socket bound to no address serves IPv4, too. */
 TANDEM_PLATFORM_API int tndm_open_socket(int family, uint16_t port, const char* path);
 TANDEM_PLATFORM_API void tndm_close_socket(int socket);
 /* `path` is the name of an interface or a local address, then options: "wwan0;backup:yes" is used only while no path

@@ -8,6 +8,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <string_view>
 
 #include "platform/tndm/endpoint/instance.h"
 #include "platform/tndm/endpoint/ledger.h"
@@ -94,7 +95,8 @@ int tndm_start_server(void* handle, int socket, const st_tndm_server_t* record) 
 }
 
 int tndm_open_socket(int family, uint16_t port, const char* path) {
-    return tndm::open_path_socket(family, port, path);
+    const std::string_view text = path == nullptr ? "" : path;
+    return tndm::open_path_socket(text.ends_with(TNDM_PATH_FAMILY_IPV6) ? AF_INET6 : family, port, path);
 }
 
 void tndm_close_socket(int socket) {

@@ -91,7 +91,7 @@ TEST(command_line, tells_what_is_wrong_in_one_line_that_names_it) {
         {{}, "command ''"},
         {{"serve"}, "command 'serve'"},
         {{"server", "--key", "k", "--secret", "s"}, "--cert"},
-        {{"server", "--cert", "c", "--key", "k", "--secret", "s", "--listen", "0"}, "--listen '0'"},
+        {{"server", "--cert", "c", "--key", "k", "--secret", "s", "--listen", "::1:9"}, "--listen '::1:9'"},
         {{"server", "--cert", "c", "--key", "k", "--secret", "s", "--listen", "66000"}, "--listen '66000'"},
         {{"client", "host", "--secret", "s", "--tcp", "80=h:80"}, "--path"},
         {{"client", "host", "--secret", "s", "--path", "p"}, "--tcp"},

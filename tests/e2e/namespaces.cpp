@@ -5,6 +5,8 @@
 #include <sched.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
@@ -39,6 +41,8 @@ namespaces_t::namespaces_t()
 }
 
 namespaces_t::~namespaces_t() {
+    std::error_code ignored;
+    std::filesystem::remove_all("/etc/netns/" + client_, ignored);
     ip("netns del " + client_);
     ip("netns del " + server_);
 }
@@ -64,6 +68,18 @@ void namespaces_t::add_routes(const std::string& number) const {
     const std::string way = " route replace 10.77.9.1/32 via 10.77." + number + ".1 dev c" + number;
     ip("-n " + client_ + way + " table 10" + number);
     ip("-n " + client_ + way + " metric " + number);
+}
+
+void namespaces_t::make_second_ipv6(const std::string& name) {
+    ip("-n " + client_ + " addr flush dev c2");
+    ip("-n " + server_ + " addr flush dev s2");
+    ip("-n " + client_ + " addr add fd77:2::2/64 dev c2 nodad");
+    ip("-n " + server_ + " addr add fd77:2::1/64 dev s2 nodad");
+    ip("-n " + server_ + " addr add fd77:9::1/128 dev lo nodad");
+    ip("-n " + client_ + " route add fd77:9::1/128 via fd77:2::1 dev c2");
+    // `ip netns exec` puts it in the place of /etc/hosts.
+    std::filesystem::create_directories("/etc/netns/" + client_);
+    std::ofstream("/etc/netns/" + client_ + "/hosts") << "fd77:9::1 " << name << "\n10.77.9.1 " << name << "\n";
 }
 
 void namespaces_t::swallow(int link) {

@@ -30,6 +30,10 @@ class namespaces_t {
     // Lets a link carry no more than this, either way.
     void limit(int link, int mbit);
 
+    // Link 2 carries only IPv6 from now on, to fd77:9::1 at the server; in the client's namespace `name` is the
+    // server's by both families.
+    void make_second_ipv6(const std::string& name);
+
     // What comes before a command to run it inside.
     std::vector<std::string> in_client() const { return {"ip", "netns", "exec", client_}; }
     std::vector<std::string> in_server() const { return {"ip", "netns", "exec", server_}; }

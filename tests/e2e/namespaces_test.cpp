@@ -15,7 +15,8 @@ namespace {
 // Server and echo service in one namespace, the client with two paths in the other, and a connection through the
 // forward.
 struct apart_t {
-    explicit apart_t(const std::vector<std::string>& paths = {"10.77.1.2", "10.77.2.2"}) {
+    explicit apart_t(const std::vector<std::string>& paths = {"10.77.1.2", "10.77.2.2"}, const std::string& name = "") {
+        if (!name.empty()) nets.make_second_ipv6(name);
         nets.at_server([&] {
             uint16_t port = 0;
             app::file_t listening = listen_tcp(port);
@@ -23,7 +24,7 @@ struct apart_t {
         });
         server.emplace(link.start_server(nets.in_server()));
         auto args = nets.in_client();
-        const auto own = link.client_args(service->port(), "10.77.9.1", paths);
+        const auto own = link.client_args(service->port(), name.empty() ? "10.77.9.1" : name, paths);
         args.insert(args.end(), own.begin(), own.end());
         client.emplace(args);
         forwarded_port = wait_forward(*client);
@@ -56,6 +57,17 @@ TEST(two_paths, a_transfer_outlives_either_path_and_an_interface_that_goes_down)
         apart_t apart;
         EXPECT_EQ(exchange(apart.socket.fd(), 1, bulk_bytes, [&] { trouble(apart.nets); }), "");
     }
+}
+
+TEST(two_paths, of_two_families_reach_a_name_that_has_both) {
+    apart_t apart({"c1", "c2"}, "both.test");
+    const auto swap = [&] {
+        apart.nets.carry(1);
+        apart.nets.take_down(2);
+    };
+    EXPECT_EQ(exchange(
+                  apart.socket.fd(), 8, bulk_bytes, [&] { apart.nets.swallow(1); }, swap),
+              "");
 }
 
 TEST(two_paths, a_path_that_came_back_carries_when_the_other_one_goes) {

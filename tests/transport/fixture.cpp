@@ -225,12 +225,12 @@ void side::problem_cb(void* instance, int code, const char* text) {
 
 // --- the two kinds ---
 
-server_side::server_side(const settings& s, uint16_t port)
-    : side(s), socket_(tndm_open_socket(AF_INET, port, "127.0.0.1")) {
-    sockaddr_in own{};
+server_side::server_side(const settings& s, uint16_t port, const char* address)
+    : side(s), socket_(tndm_open_socket(strchr(address, ':') != nullptr ? AF_INET6 : AF_INET, port, address)) {
+    sockaddr_in6 own{};  // the port stands at the same place in both families
     socklen_t length = sizeof own;
     getsockname(socket_, reinterpret_cast<sockaddr*>(&own), &length);
-    port_ = ntohs(own.sin_port);
+    port_ = ntohs(own.sin6_port);
 }
 
 server_side::~server_side() {

@@ -197,7 +197,7 @@ class side {
 class server_side : public side {
   public:
     // Port 0: any. Does not start.
-    explicit server_side(const settings& s = {}, uint16_t port = 0);
+    explicit server_side(const settings& s = {}, uint16_t port = 0, const char* address = "127.0.0.1");
     ~server_side() override;
     int start();
     uint16_t port() const { return port_; }

@@ -31,6 +31,33 @@ TEST_F(functions, two_paths_carry_streams_both_ways) {
     }
 }
 
+TEST_F(functions, the_servers_family_decides_which_paths_reach_it) {
+    const auto connect = [this](const char* listen, const char* host, const std::vector<std::string>& paths) {
+        reset();
+        server = std::make_unique<server_side>(settings{}, uint16_t{0}, listen);
+        client = std::make_unique<client_side>();
+        ASSERT_EQ(server->start(), 0);
+        ASSERT_EQ(client->start(server->port(), host), 0);
+        for (const std::string& path : paths) {
+            ASSERT_EQ(client->add(path), 0);
+        }
+        at_client = client->connected();
+        at_server = server->connected();
+        ASSERT_NE(at_client, nullptr);
+        ASSERT_NE(at_server, nullptr);
+    };
+    ASSERT_NO_FATAL_FAILURE(connect("::1", "::1", {"127.0.0.2", "lo", "::1"}));
+    EXPECT_TRUE(eventually([&] { return server->carried_paths(at_server).size() == 2; }));
+    exchange(2'000'000 / scale, 2);
+    EXPECT_EQ(client->paths(at_client).at(0).state, TNDM_PATH_DEAD) << "an IPv4 address does not reach an IPv6 one";
+    // One socket for both.
+    ASSERT_NO_FATAL_FAILURE(connect("::", "127.0.0.1", {"::1", "127.0.0.2"}));
+    exchange(2'000'000 / scale, 2);
+    char address[64] = {};
+    EXPECT_EQ(tndm_get_peer_address(at_server, address, sizeof address), 0);
+    EXPECT_STREQ(address, "127.0.0.2");
+}
+
 TEST_F(functions, the_figures_of_a_connection_are_true) {
     start(one_path, {.statistics_ms = 20});
     char alpn[16] = {};

@@ -1,5 +1,4 @@
 // What a path's text means, and what the kernel's tables say of it.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 
 #include "platform/tndm/endpoint/link_table.h"
@@ -52,7 +51,7 @@ class kernel_tables : public ::testing::Test {
   protected:
     using change = link_table::change;
     using kind = change::kind;
-    static uint32_t ip(const char* text) { return inet_addr(text); }
+    static link_table::host ip(const char* text) { return *link_table::host_of(*endpoint::parse(text, 0)); }
     void SetUp() override {
         table.watch("eth1");
         table.watch("192.0.2.7");
@@ -88,6 +87,11 @@ TEST_F(kernel_tables, tell_which_paths_an_event_concerns) {
     table.address_deleted(4, ip("192.0.2.7"));
     EXPECT_EQ(table.take_changes(),
               (std::vector<change>{{"eth1", kind::moved, ip("192.0.2.7")}, {"192.0.2.7", kind::went}}));
+    // The last one of its family takes what that family carried along.
+    table.address(4, ip("2001:db8::8"));
+    table.address_deleted(4, ip("192.0.2.8"));
+    EXPECT_EQ(table.take_changes(), (std::vector<change>{{"eth1", kind::moved, ip("192.0.2.8"), true}}));
+    EXPECT_FALSE(link_table::host_of(*endpoint::parse("fe80::8", 0))) << "no path's address";
     table.route(1);
     EXPECT_TRUE(table.take_changes().empty());
     table.route(4);

@@ -147,6 +147,12 @@ lane_id bundle::add_lane(instant now, bool backup) {
     return id;
 }
 
+void bundle::set_awaited(lane_id id, bool awaited) {
+    if (lane* l = lane_of(id)) {
+        l->set_awaited(awaited);
+    }
+}
+
 void bundle::remove_lane(lane_id id, instant now) {
     lane* l = lane_of(id);
     if (l == nullptr) {

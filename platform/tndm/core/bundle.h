@@ -100,6 +100,8 @@ class bundle {
     void set_rtt(lane_id id, duration smoothed, duration variation);
     // Delivery rate in bytes a second; 0 while unknown.
     void set_rate(lane_id id, uint64_t bytes_a_second);
+    // Nothing may be sent on the lane yet; a backup does not rest for its sake.
+    void set_awaited(lane_id id, bool awaited);
     // Which lane carries what; sooner_first() until something else is set.
     void set_schedule(const schedule& how) { schedule_ = &how; }
     void set_heartbeat(duration interval);

@@ -43,6 +43,9 @@ class lane {
     // To be used only when no other lane works.
     bool backup() const { return backup_; }
     void set_backup(bool backup) { backup_ = backup; }
+    // Nothing may be sent on it yet: its other end has not said that it is there.
+    bool awaited() const { return awaited_; }
+    void set_awaited(bool awaited) { awaited_ = awaited; }
     bool suspect() const { return suspect_; }
     const lane_counters& counters() const { return counters_; }
 
@@ -118,6 +121,7 @@ class lane {
     duration variation_ = std::chrono::milliseconds(50);
     uint64_t rate_ = 0;
     bool backup_ = false;
+    bool awaited_ = false;
     duration heartbeat_{0};  // 0: none
     bool suspect_ = false;
     bool probe_refused_ = false;

@@ -93,7 +93,7 @@ const schedule& redundant() {
 
 bool usable(const lane& asking, const lane_map& all) {
     return !asking.backup() || std::none_of(all.begin(), all.end(), [](const auto& entry) {
-        return !entry.second.backup() && !entry.second.suspect();
+        return !entry.second.backup() && !entry.second.suspect() && !entry.second.awaited();
     });
 }
 

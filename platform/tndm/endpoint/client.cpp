@@ -86,8 +86,8 @@ void client::apply_own(command& asked, const pass& p) {
         case command::kind::resolved: {
             const auto answer = resolver_.take();
             if (!answer.found.empty()) {
-                server_ = answer.found;
-            } else if (server_.empty()) {
+                servers_ = answer.found;
+            } else if (servers_.empty()) {
                 rest_ = longer_pause(rest_);
                 rest_until_ = p.now + rest_;
                 tell_problem(TNDM_PROBLEM_NAME, answer.error);
@@ -166,7 +166,7 @@ void client::advance_own(const pass& p) {
     if (env_.dead) {
         return;
     }
-    if (server_.empty()) {
+    if (servers_.empty()) {
         if (p.now >= rest_until_) {
             resolver_.start(target_.host, target_.port);
         }
@@ -180,8 +180,15 @@ void client::advance_own(const pass& p) {
     for (path& each : paths_) {
         for (const auto& of : {each.current, each.fresh}) {
             if (of != nullptr && p.now >= of->give_up) {
+                const std::string remote = of->flow().remote().text();
                 failed(each, true, p);
                 abandon(of, close_code::subflow_only, p);
+                if (servers_.size() > 1 && connection_ == nullptr) {
+                    tell_problem(TNDM_PROBLEM_UNREACHABLE, remote + " over " + each.named.name + ": no answer");
+                    if (env_.dead) {
+                        return;
+                    }
+                }
             } else if (of != nullptr && connection_ != nullptr && of->at == lane::stage::waiting) {
                 join(*of, p);
             }
@@ -312,7 +319,7 @@ void client::on_end(lane& of, const pass& p) {
         tell_problem(TNDM_PROBLEM_CERTIFICATE, ending.reason);
     } else if (connection_ == nullptr) {
         tell_problem(ending.by_peer ? TNDM_PROBLEM_REFUSED : TNDM_PROBLEM_UNREACHABLE,
-                     server_.text() + " over " + of.path() + ": " + ending.reason);
+                     of.flow().remote().text() + " over " + of.path() + ": " + ending.reason);
     }
 }
 
@@ -332,7 +339,7 @@ void client::retire(connection& over, close_code code, const pass& p) {
     greeter_.reset();
     rest_ = p.now - connected_at_ >= good_life ? first_pause : longer_pause(rest_);
     rest_until_ = p.now + rest_;
-    server_ = endpoint();
+    servers_.clear();
     for (path& each : paths_) {
         for (const auto& of : {each.current, each.fresh}) {
             if (of != nullptr) {
@@ -346,10 +353,10 @@ void client::retire(connection& over, close_code code, const pass& p) {
 }
 
 core::instant client::own_deadline() const {
-    if (server_.empty()) {
-        return resolver_.busy() ? core::never : rest_until_;
+    core::instant next = network_ != nullptr ? network_->deadline() : core::never;
+    if (servers_.empty()) {
+        return resolver_.busy() ? next : std::min(next, rest_until_);
     }
-    core::instant next = core::never;
     for (const path& each : paths_) {
         for (const auto& of : {each.current, each.fresh}) {
             next = of == nullptr ? next : std::min(next, of->give_up);

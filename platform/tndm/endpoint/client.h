@@ -41,6 +41,7 @@ class client : public engine {
 
   protected:
     void apply_own(command& asked, const pass& p) override;
+    void on_own_time(const pass& p) override;
     core::instant own_deadline() const override;
     void advance(const std::shared_ptr<carrier>& of, const pass& p) override;
     void advance_own(const pass& p) override;
@@ -53,6 +54,7 @@ class client : public engine {
         path_spec named;
         std::shared_ptr<lane> current;
         std::shared_ptr<lane> fresh;  // opened beside a current one that has gone silent
+        size_t turn = 0;              // which of the server's addresses is tried first; the next one after a failure
         std::chrono::milliseconds pause{0};
         core::instant next_try{};
         bool wanting = false;  // would open a subflow, were it not for `next_try`
@@ -71,6 +73,8 @@ class client : public engine {
     // client_paths.cpp
     void add_path(const std::string& text, const pass& p);
     void remove_path(const std::string& name, const pass& p);
+    const endpoint* server_for(const path& on) const;
+    int make_socket(const path& on, const endpoint& to);
     std::shared_ptr<lane> open(path& on, const pass& p);
     void open_where_wanted(path& on, const pass& p);
     core::duration patience_for(const path& on) const;
@@ -80,7 +84,9 @@ class client : public engine {
     void watch_network();
     void read_network(const pass& p);
     void on_change(const link_table::change& change, const pass& p);
-    void lose_lanes(path& on, link_table::ipv4 bound_to, const pass& p);
+    void lose_lanes(path& on, const link_table::change& why, const pass& p);
+    void forget_network();
+    void tell_paths();
     void give_back(path& on, lane& of);
     void on_welcome(lane& of, const control::welcome& welcome, const pass& p);
     void on_joined(lane& of, const pass& p);
@@ -96,7 +102,7 @@ class client : public engine {
 
     const target target_;
     resolver resolver_;
-    endpoint server_;  // empty while its name is looked up
+    std::vector<endpoint> servers_;  // its addresses, the best first; none while its name is looked up
     std::vector<path> paths_;
     link_table links_;
     std::unique_ptr<network_watch> network_;

@@ -25,6 +25,8 @@ constexpr milliseconds first_pause{200};
 constexpr milliseconds longest_pause{5000};
 // Routes may come by the thousand, and for ever: a handshake begins again for their sake ever more rarely, or one that
 // needs longer would never end.
+// A server may have an address that nobody answers at, or only over other paths.
+constexpr core::duration before_next_address = std::chrono::seconds(3);
 constexpr core::duration first_between_restarts = milliseconds(100);
 constexpr core::duration longest_between_restarts = std::chrono::seconds(10);
 
@@ -47,6 +49,14 @@ void client::add_path(const std::string& text, const pass& p) {
     added.next_try = p.now;
     added.wanting = true;
     paths_.push_back(std::move(added));
+    tell_paths();
+}
+
+void client::tell_paths() {
+    if (connection_ != nullptr) {
+        connection_->refresh_soon();
+        touch(*connection_);
+    }
 }
 
 void client::remove_path(const std::string& name, const pass& p) {
@@ -63,6 +73,7 @@ void client::remove_path(const std::string& name, const pass& p) {
             abandon(of, close_code::subflow_only, p);
         }
     }
+    tell_paths();
 }
 
 client::path* client::path_of(const lane& of) {
@@ -97,13 +108,46 @@ core::duration client::patience_for(const path& on) const {
     return std::min(usual, longest_patience);
 }
 
-std::shared_ptr<client::lane> client::open(path& on, const pass& p) {
-    const int fd =
-        env_.app.create_path != nullptr ? env_.app.create_path(env_.app.instance, on.named.text.c_str()) : -1;
-    if (env_.dead || fd <= 0) {
-        if (fd > 0) {
-            ::close(fd);
+// Of the server's addresses the first that the path has a way to, beginning with the one whose turn it is; without any
+// way the first of its family, for there may be one by the time that the first packet goes out.
+const endpoint* client::server_for(const path& on) const {
+    const auto own = endpoint::parse(on.named.name, 0);
+    const endpoint* possible = nullptr;
+    for (size_t i = 0; i < servers_.size(); ++i) {
+        const endpoint& each = servers_[(on.turn + i) % servers_.size()];
+        if (own && own->family() != each.family()) {
+            continue;
         }
+        if (servers_.size() == 1 || can_reach(on.named.name.c_str(), each)) {
+            return &each;
+        }
+        possible = possible == nullptr ? &each : possible;
+    }
+    return possible;
+}
+
+// The application makes it. -1 when it does not, or makes one of the other family, or has destroyed the instance.
+int client::make_socket(const path& on, const endpoint& to) {
+    const std::string text = on.named.text + (to.family() == AF_INET6 ? TNDM_PATH_FAMILY_IPV6 : "");
+    const int fd = env_.app.create_path != nullptr ? env_.app.create_path(env_.app.instance, text.c_str()) : -1;
+    if (fd > 0 && (env_.dead || local_endpoint(fd).family() != to.family())) {
+        ::close(fd);
+        return -1;
+    }
+    return fd > 0 ? fd : -1;
+}
+
+std::shared_ptr<client::lane> client::open(path& on, const pass& p) {
+    const endpoint* const chosen = server_for(on);
+    if (chosen == nullptr) {
+        if (connection_ == nullptr) {
+            tell_problem(TNDM_PROBLEM_UNREACHABLE, "the server has no address of the family of " + on.named.name);
+        }
+        return nullptr;
+    }
+    const endpoint server = *chosen;
+    const int fd = make_socket(on, server);
+    if (fd < 0) {
         return nullptr;
     }
     auto made = std::make_shared<lane>(on.named, fd, next_lane_++);
@@ -117,8 +161,10 @@ std::shared_ptr<client::lane> client::open(path& on, const pass& p) {
     if (on.shortest_rtt > core::duration::zero()) {
         settings.first_rtt = std::clamp(on.shortest_rtt, shortest_first_rtt, longest_first_rtt);
         made->give_up = p.now + patience_for(on);
+    } else if (servers_.size() > 1) {
+        made->give_up = p.now + before_next_address;
     }
-    made->set_flow(subflow::create_client(settings, std::move(tls), local_endpoint(fd), server_, p.now));
+    made->set_flow(subflow::create_client(settings, std::move(tls), local_endpoint(fd), server, p.now));
     if (!made->has_flow()) {
         return nullptr;
     }
@@ -161,6 +207,7 @@ void client::open_where_wanted(path& on, const pass& p) {
 
 void client::failed(path& on, bool unanswered, const pass& p) {
     ++on.tries;
+    ++on.turn;
     const bool quick = unanswered && connection_ != nullptr && on.tries < quick_tries;
     on.wanting = true;
     on.pause = quick ? quick_pause : longer_pause(on.pause);
@@ -185,9 +232,8 @@ void client::watch_network() {
 }
 
 void client::read_network(const pass& p) {
-    if (!network_->read(links_)) {
-        network_.reset();
-        links_ = link_table();  // nothing is known any more, so everything is tried
+    if (!network_->read(links_, p.now)) {
+        forget_network();
         return;
     }
     for (const auto& change : links_.take_changes()) {
@@ -198,6 +244,18 @@ void client::read_network(const pass& p) {
     }
 }
 
+void client::on_own_time(const pass& p) {
+    if (network_ != nullptr && !network_->on_time(p.now)) {
+        forget_network();
+    }
+}
+
+// Nothing is known any more, so everything is tried.
+void client::forget_network() {
+    network_.reset();
+    links_ = link_table();
+}
+
 void client::on_change(const link_table::change& change, const pass& p) {
     path* const on = path_named(change.name);
     if (on == nullptr) {
@@ -205,10 +263,8 @@ void client::on_change(const link_table::change& change, const pass& p) {
     }
     switch (change.what) {
         case link_table::change::kind::went:
-            lose_lanes(*on, INADDR_ANY, p);
-            break;
         case link_table::change::kind::moved:
-            lose_lanes(*on, change.address, p);
+            lose_lanes(*on, change, p);
             break;
         case link_table::change::kind::came:
             on->pause = milliseconds(0);
@@ -242,10 +298,15 @@ void client::restart_unheard(path& on, const pass& p) {
     }
 }
 
-// `bound_to`: only those whose socket has this address; 0 for all.
-void client::lose_lanes(path& on, link_table::ipv4 bound_to, const pass& p) {
+// All that the change concerns.
+void client::lose_lanes(path& on, const link_table::change& why, const pass& p) {
+    const auto concerned = [&](const lane& of) {
+        const endpoint local = local_endpoint(of.fd());
+        return why.what == link_table::change::kind::went || link_table::host_of(local) == why.address ||
+               (why.last && local.is_wildcard() && (local.family() == AF_INET) == link_table::is_ipv4(why.address));
+    };
     for (const auto& of : {on.current, on.fresh}) {
-        if (of == nullptr || (bound_to != INADDR_ANY && local_endpoint(of->fd()).ip4.sin_addr.s_addr != bound_to)) {
+        if (of == nullptr || !concerned(*of)) {
             continue;
         }
         on.next_try = p.now;

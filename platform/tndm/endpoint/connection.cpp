@@ -46,14 +46,14 @@ void connection::add(carrier& lane, bool may_send, bool backup, core::instant no
     lane.flow().attach(bundle_, bundle_.add_lane(now, backup), may_send);
     lane.set_joined(this);
     carriers_.push_back(&lane);
-    if (carriers_.size() == 1) ledger_->set_peer_address(lane.flow().remote().host_text());
+    if (carriers_.size() == 1) ledger_->set_peer_address(lane.flow().remote().unmapped().host_text());
     paths_.joined(lane.name());
     watch_lanes(now);
 }
 
 void connection::remove(carrier& lane, core::instant now) {
     std::erase(carriers_, &lane);
-    if (!carriers_.empty()) ledger_->set_peer_address(carriers_.front()->flow().remote().host_text());
+    if (!carriers_.empty()) ledger_->set_peer_address(carriers_.front()->flow().remote().unmapped().host_text());
     paths_.left(figures_of(lane));
     lane.flow().detach();
     lane.set_joined(nullptr);

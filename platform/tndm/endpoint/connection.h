@@ -93,6 +93,8 @@ class connection {
     // Lets the lanes pull, nearest first, and books what went out.
     void flush(const pass& p);
     void refresh_paths();
+    // The list of paths itself has changed: the next flush tells it at once.
+    void refresh_soon() { next_refresh_ = {}; }
     // Asked at each refresh for the paths that this side wants; without it the paths are those that there have been.
     using wishes_t = std::function<std::vector<path_book::wish>()>;
     void set_path_wishes(wishes_t wishes) { path_wishes_ = std::move(wishes); }

@@ -200,8 +200,9 @@ int instance::add_path(const std::string& text) {
             complain("the path \"" + path->name + "\" is there already; remove it first to change its options");
             return -1;
         }
+        // Under the lock, so that the engine hears of one name in the order of the map.
+        return commands_->post({.what = command::kind::add_path, .text = text}) ? 0 : -1;
     }
-    return commands_->post({.what = command::kind::add_path, .text = text}) ? 0 : -1;
 }
 
 int instance::remove_path(const std::string& text) {
@@ -213,8 +214,8 @@ int instance::remove_path(const std::string& text) {
             return -1;
         }
         paths_.erase(found);
+        return commands_->post({.what = command::kind::remove_path, .text = name}) ? 0 : -1;
     }
-    return commands_->post({.what = command::kind::remove_path, .text = name}) ? 0 : -1;
 }
 
 int instance::set_schedule(const std::string& name) {

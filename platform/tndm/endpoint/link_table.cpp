@@ -1,23 +1,33 @@
 #include "platform/tndm/endpoint/link_table.h"
 
-#include <arpa/inet.h>
-
 #include <algorithm>
+#include <cstring>
 
 namespace tndm {
 
 namespace {
 
-std::optional<link_table::ipv4> address_of(const std::string& name) {
-    in_addr address{};
-    return inet_pton(AF_INET, name.c_str(), &address) == 1 ? std::optional(address.s_addr) : std::nullopt;
-}
-
-bool is_other_address(const std::string& name) {
-    return name.find(':') != std::string::npos;
-}
+constexpr std::array<uint8_t, 12> mapped_prefix = {0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 0xff, 0xff};
 
 }  // namespace
+
+std::optional<link_table::host> link_table::host_of(const endpoint& address) {
+    host made{};
+    if (address.empty() || address.is_link_local()) {
+        return std::nullopt;
+    }
+    if (address.family() == AF_INET) {
+        std::copy(mapped_prefix.begin(), mapped_prefix.end(), made.begin());
+        std::memcpy(made.data() + mapped_prefix.size(), &address.ip4.sin_addr, sizeof address.ip4.sin_addr);
+    } else {
+        std::memcpy(made.data(), &address.ip6.sin6_addr, made.size());
+    }
+    return made;
+}
+
+bool link_table::is_ipv4(const host& address) {
+    return std::equal(mapped_prefix.begin(), mapped_prefix.end(), address.begin());
+}
 
 void link_table::watch(const std::string& name) {
     watched_[name] = look(name, {});
@@ -32,10 +42,11 @@ presence link_table::of(const std::string& name) const {
 // without one of its own; but what has had one and lost it is gone.
 link_table::footing link_table::look(const std::string& name, const footing& before) const {
     footing now{presence::unknown, 0, before.had_address};
-    if (!complete_ || is_other_address(name)) {
+    const auto address = host_of(endpoint::parse(name, 0).value_or(endpoint()));
+    const bool of_a_link = !address && name.find(':') != std::string::npos;
+    if (!complete_ || of_a_link) {
         return now;
     }
-    const auto address = address_of(name);
     const auto found = std::find_if(links_.begin(), links_.end(), [&](const auto& entry) {
         return address ? entry.second.addresses.count(*address) != 0 : entry.second.name == name;
     });
@@ -71,9 +82,11 @@ void link_table::review() {
     }
 }
 
-void link_table::lost_address(const interface& of, ipv4 address) {
+void link_table::lost_address(const interface& of, const host& address) {
     if (!of.addresses.empty() && watched_.count(of.name) != 0) {
-        changes_.push_back({of.name, change::kind::moved, address});
+        const bool last = std::none_of(of.addresses.begin(), of.addresses.end(),
+                                       [&](const host& other) { return is_ipv4(other) == is_ipv4(address); });
+        changes_.push_back({of.name, change::kind::moved, address, last});
     }
 }
 
@@ -90,14 +103,14 @@ void link_table::link_deleted(int index) {
     review();
 }
 
-void link_table::address(int index, ipv4 address) {
+void link_table::address(int index, const host& address) {
     interface& told = links_[index];
     told.addresses.insert(address);
     told.seen_addresses.insert(address);
     review();
 }
 
-void link_table::address_deleted(int index, ipv4 address) {
+void link_table::address_deleted(int index, const host& address) {
     const auto found = links_.find(index);
     if (found != links_.end() && found->second.addresses.erase(address) != 0) {
         found->second.seen_addresses.erase(address);
@@ -126,7 +139,7 @@ void link_table::end_dump() {
     std::erase_if(links_, [](const auto& entry) { return !entry.second.seen; });
     for (auto& [index, each] : links_) {
         const auto lost = std::exchange(each.addresses, each.seen_addresses);
-        for (const ipv4 address : lost) {
+        for (const host& address : lost) {
             if (each.addresses.count(address) == 0) {
                 lost_address(each, address);
             }

@@ -5,6 +5,7 @@
 #ifndef TANDEM_PLATFORM_TNDM_ENDPOINT_LINK_TABLE_H
 #define TANDEM_PLATFORM_TNDM_ENDPOINT_LINK_TABLE_H
 
+#include <array>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -12,6 +13,8 @@
 #include <string>
 #include <utility>
 #include <vector>
+
+#include "platform/tndm/udp/address.h"
 
 namespace tndm {
 
@@ -23,22 +26,28 @@ enum class presence {
 
 class link_table {
   public:
-    using ipv4 = uint32_t;  // network byte order
+    // Network byte order; an IPv4 address in its IPv6-mapped form.
+    using host = std::array<uint8_t, 16>;
+    // Nothing for what is no path's address: nothing, or one of a link.
+    static std::optional<host> host_of(const endpoint& address);
+    static bool is_ipv4(const host& address);
 
     struct change {
         enum class kind {
             went,    // what the path had open is dead
             came,    // it may be tried at once
-            moved,   // its interface has lost one address and has others: what was bound to `address` is dead
+            moved,   // its interface has lost one address and has others: what was bound to `address` is dead, and
+                     // everything of that family when it was the `last` of its family
             routed,  // there is a new way out over its interface: a first packet may have been refused before
         };
         std::string name;
         kind what;
-        ipv4 address = 0;
+        host address{};
+        bool last = false;
         bool operator==(const change&) const = default;
     };
 
-    // --- paths: the name of an interface or a local IPv4 address; others are never known ---
+    // --- paths: the name of an interface or a local address; those of a link are never known ---
     void watch(const std::string& name);
     void forget(const std::string& name) { watched_.erase(name); }
     presence of(const std::string& name) const;
@@ -48,8 +57,9 @@ class link_table {
     // `up`: administratively up and with a carrier.
     void link(int index, const std::string& name, bool up);
     void link_deleted(int index);
-    void address(int index, ipv4 address);
-    void address_deleted(int index, ipv4 address);
+    // Usable ones.
+    void address(int index, const host& address);
+    void address_deleted(int index, const host& address);
     void route(int index);
     // Between these two everything that exists is told; what is not, has gone unheard.
     void begin_dump();
@@ -59,9 +69,9 @@ class link_table {
     struct interface {
         std::string name;
         bool up = false;
-        std::set<ipv4> addresses;
+        std::set<host> addresses;
         bool seen = false;  // during a dump
-        std::set<ipv4> seen_addresses;
+        std::set<host> seen_addresses;
     };
     // What a watched path stands on.
     struct footing {
@@ -71,7 +81,7 @@ class link_table {
     };
     footing look(const std::string& name, const footing& before) const;
     void review();
-    void lost_address(const interface& of, ipv4 address);
+    void lost_address(const interface& of, const host& address);
 
     std::map<int, interface> links_;
     std::map<std::string, footing> watched_;

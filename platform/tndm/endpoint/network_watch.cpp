@@ -6,8 +6,10 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -19,6 +21,7 @@ namespace {
 
 constexpr size_t message_room = 32 * 1024;  // the kernel makes none larger
 constexpr int messages_at_once = 64;
+constexpr auto before_repeat = std::chrono::milliseconds(20);
 #ifndef IFF_LOWER_UP
 constexpr unsigned IFF_LOWER_UP = 1U << 16;
 #endif
@@ -77,7 +80,7 @@ std::unique_ptr<network_watch> network_watch::open(st_tloop_t* loop, std::functi
     std::unique_ptr<network_watch> made(new network_watch(fd));
     sockaddr_nl own{};
     own.nl_family = AF_NETLINK;
-    own.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE;
+    own.nl_groups = RTMGRP_LINK | RTMGRP_IPV4_IFADDR | RTMGRP_IPV4_ROUTE | RTMGRP_IPV6_IFADDR | RTMGRP_IPV6_ROUTE;
     if (bind(fd, reinterpret_cast<const sockaddr*>(&own), sizeof own) != 0 || !made->ask(dump::links)) {
         return nullptr;
     }
@@ -99,12 +102,21 @@ bool network_watch::ask(dump what) {
     request.head.nlmsg_type = what == dump::links ? RTM_GETLINK : RTM_GETADDR;
     request.head.nlmsg_flags = NLM_F_REQUEST | NLM_F_DUMP;
     request.head.nlmsg_seq = ++sequence_;
-    request.body.rtgen_family = what == dump::links ? AF_UNSPEC : AF_INET;
+    request.body.rtgen_family = AF_UNSPEC;
     dump_ = what;
     return send(fd_, &request, request.head.nlmsg_len, 0) == static_cast<ssize_t>(request.head.nlmsg_len);
 }
 
-bool network_watch::read(link_table& into) {
+bool network_watch::on_time(core::instant now) {
+    if (now >= repeat_at_) {
+        repeat_at_ = core::never;
+        again_ = true;
+        failed_ = failed_ || !ask(dump::links);
+    }
+    return !failed_;
+}
+
+bool network_watch::read(link_table& into, core::instant now) {
     alignas(nlmsghdr) std::array<uint8_t, message_room> buffer;
     for (int i = 0; i < messages_at_once; ++i) {
         if (dump_ == dump::links && std::exchange(again_, false)) {
@@ -122,10 +134,7 @@ bool network_watch::read(link_table& into) {
         if (got < 0 && errno == ENOBUFS) {
             torn_ = true;
             if (dump_ == dump::none) {
-                again_ = true;
-                if (!ask(dump::links)) {
-                    return false;
-                }
+                repeat_at_ = std::min(repeat_at_, now + before_repeat);
             }
             continue;
         }
@@ -141,7 +150,7 @@ bool network_watch::read(link_table& into) {
             if (message.nlmsg_len < sizeof(nlmsghdr) || message.nlmsg_len > left) {
                 break;
             }
-            on_message(message, into);
+            on_message(message, into, now);
             const size_t step = std::min<size_t>(NLMSG_ALIGN(message.nlmsg_len), left);
             at += step;
             left -= step;
@@ -150,7 +159,7 @@ bool network_watch::read(link_table& into) {
     return !failed_;
 }
 
-void network_watch::on_message(const nlmsghdr& message, link_table& into) {
+void network_watch::on_message(const nlmsghdr& message, link_table& into, core::instant now) {
     const bool of_dump = dump_ != dump::none && message.nlmsg_seq == sequence_;
     torn_ = torn_ || (of_dump && (message.nlmsg_flags & NLM_F_DUMP_INTR) != 0);
     switch (message.nlmsg_type) {
@@ -159,7 +168,7 @@ void network_watch::on_message(const nlmsghdr& message, link_table& into) {
             break;
         case NLMSG_DONE:
             if (of_dump) {
-                on_dump_end(!torn_, into);
+                on_dump_end(!torn_, into, now);
             }
             break;
         case RTM_NEWLINK:
@@ -176,13 +185,7 @@ void network_watch::on_message(const nlmsghdr& message, link_table& into) {
             break;
         case RTM_NEWADDR:
         case RTM_DELADDR:
-            if (const auto* body = body_of<ifaddrmsg>(message); body != nullptr && body->ifa_family == AF_INET) {
-                const int index = static_cast<int>(body->ifa_index);
-                // On a point-to-point link IFA_ADDRESS is the other end's.
-                if (const auto own = value_of<ifaddrmsg, uint32_t>(message, IFA_LOCAL)) {
-                    message.nlmsg_type == RTM_NEWADDR ? into.address(index, *own) : into.address_deleted(index, *own);
-                }
-            }
+            on_address(message, into);
             break;
         case RTM_NEWROUTE:
             if (const auto* route = body_of<rtmsg>(message);
@@ -197,8 +200,38 @@ void network_watch::on_message(const nlmsghdr& message, link_table& into) {
     }
 }
 
+// An IPv6 address may be told before it may be used (while another machine on the link could object), or although it
+// may not be used any more.
+void network_watch::on_address(const nlmsghdr& message, link_table& into) {
+    const auto* body = body_of<ifaddrmsg>(message);
+    endpoint own;
+    if (body != nullptr && body->ifa_family == AF_INET) {
+        // On a point-to-point link IFA_ADDRESS is the other end's.
+        if (const auto local = value_of<ifaddrmsg, in_addr>(message, IFA_LOCAL)) {
+            own = endpoint::from(*local, 0);
+        }
+    } else if (body != nullptr && body->ifa_family == AF_INET6) {
+        const auto local = value_of<ifaddrmsg, in6_addr>(message, IFA_LOCAL);  // only on a point-to-point link
+        if (const auto address = local ? local : value_of<ifaddrmsg, in6_addr>(message, IFA_ADDRESS)) {
+            own = endpoint::from(*address, 0);
+        }
+    }
+    const auto host = link_table::host_of(own);
+    if (!host) {
+        return;
+    }
+    const bool objected = (body->ifa_flags & IFA_F_DADFAILED) != 0;
+    const bool tentative = (body->ifa_flags & (IFA_F_TENTATIVE | IFA_F_OPTIMISTIC)) == IFA_F_TENTATIVE;
+    const int index = static_cast<int>(body->ifa_index);
+    if (message.nlmsg_type == RTM_NEWADDR && !objected && !tentative) {
+        into.address(index, *host);
+    } else {
+        into.address_deleted(index, *host);
+    }
+}
+
 // Links first, then their addresses; all of it again when something was missed meanwhile.
-void network_watch::on_dump_end(bool whole, link_table& into) {
+void network_watch::on_dump_end(bool whole, link_table& into, core::instant now) {
     if (whole && dump_ == dump::links) {
         failed_ = !ask(dump::addresses);
         return;
@@ -207,8 +240,7 @@ void network_watch::on_dump_end(bool whole, link_table& into) {
     if (whole) {
         into.end_dump();
     } else {
-        again_ = true;
-        failed_ = !ask(dump::links);
+        repeat_at_ = now + before_repeat;
     }
 }
 

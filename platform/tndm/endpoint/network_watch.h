@@ -9,6 +9,7 @@
 #include <memory>
 #include <span>
 
+#include "platform/tndm/core/time.h"
 #include "platform/tndm/endpoint/link_table.h"
 #include "platform/tndm/endpoint/reactor.h"
 
@@ -25,15 +26,20 @@ class network_watch {
     network_watch& operator=(const network_watch&) = delete;
 
     // Takes what waits, a bounded part of it when there is very much. False when the socket is of no use any more.
-    bool read(link_table& into);
+    bool read(link_table& into, core::instant now);
+    // Tables that change all the time would be read without end: what was torn is read again after a pause.
+    core::instant deadline() const { return repeat_at_; }
+    // False as above.
+    bool on_time(core::instant now);
 
   private:
     enum class dump { none, links, addresses };
 
     explicit network_watch(int fd) : fd_(fd) {}
     bool ask(dump what);
-    void on_message(const nlmsghdr& message, link_table& into);
-    void on_dump_end(bool whole, link_table& into);
+    void on_message(const nlmsghdr& message, link_table& into, core::instant now);
+    static void on_address(const nlmsghdr& message, link_table& into);
+    void on_dump_end(bool whole, link_table& into, core::instant now);
 
     int fd_;
     std::unique_ptr<io_watcher> watcher_;
@@ -42,6 +48,7 @@ class network_watch {
     bool torn_ = false;    // the tables changed under the dump
     bool failed_ = false;  // the kernel does not answer
     uint32_t sequence_ = 0;
+    core::instant repeat_at_ = core::never;
 };
 
 }  // namespace tndm

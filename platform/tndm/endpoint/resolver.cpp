@@ -10,18 +10,30 @@ namespace tndm {
 
 namespace {
 
+// A path that reaches none tries one after the other.
+constexpr size_t most_addresses = 16;
+
 resolver::answer look_up(const std::string& host, uint16_t port) {
     addrinfo hints{};
-    hints.ai_family = AF_INET;  // the paths' sockets are IPv4
+    hints.ai_family = AF_UNSPEC;
     hints.ai_socktype = SOCK_DGRAM;
     addrinfo* list = nullptr;
     const int error = getaddrinfo(host.c_str(), nullptr, &hints, &list);
     if (error != 0 || list == nullptr) {
         return {{}, "the name " + host + " does not resolve: " + (error == 0 ? "no address" : gai_strerror(error))};
     }
-    resolver::answer result{endpoint(list->ai_addr, list->ai_addrlen), {}};
+    resolver::answer result;
+    for (const addrinfo* each = list; each != nullptr && result.found.size() < most_addresses; each = each->ai_next) {
+        endpoint address(each->ai_addr, each->ai_addrlen);
+        if (!address.empty()) {
+            address.set_port(port);
+            result.found.push_back(address);
+        }
+    }
     freeaddrinfo(list);
-    result.found.set_port(port);
+    if (result.found.empty()) {
+        result.error = "the name " + host + " has no address that can be used";
+    }
     return result;
 }
 
@@ -34,8 +46,8 @@ void resolver::start(const std::string& host, uint16_t port) {
     busy_ = true;
     current_ = std::make_shared<shared>();
     const auto tell = [](mailbox& box) { box.post({.what = command::kind::resolved}); };
-    if (const auto numeric = endpoint::parse(host, port); numeric && numeric->family() == AF_INET) {
-        current_->result.found = *numeric;
+    if (const auto numeric = endpoint::parse(host, port)) {
+        current_->result.found = {*numeric};
         tell(*commands_);
         return;
     }

@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "platform/tndm/endpoint/mailbox.h"
 #include "platform/tndm/udp/address.h"
@@ -19,8 +20,8 @@ class resolver {
     explicit resolver(std::shared_ptr<mailbox> commands) : commands_(std::move(commands)) {}
 
     struct answer {
-        endpoint found;     // empty on failure
-        std::string error;  // one line
+        std::vector<endpoint> found;  // both families, the best first; empty on failure
+        std::string error;            // one line
     };
     // Starts a look-up unless one is under way; a `resolved` command arrives in the mailbox when take() has something.
     // Numeric addresses are answered as well, only faster.

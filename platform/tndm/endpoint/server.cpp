@@ -376,10 +376,13 @@ void server::on_join(lane& of, const control::join& join, const pass& p) {
     const auto found = bundles_.find(join.id);
     std::array<uint8_t, 32> binding;
     if (found == bundles_.end() || found->second->ended() ||
-        found->second->carriers().size() >= max_lanes_of_a_bundle ||
         !of.flow().tls().exporter(control::join_exporter_label, {}, binding) ||
         !constant_time_equal(join_proof(found->second->join_secret(), binding), join.proof)) {
         end(of, close_code::join_refused, p);
+        return;
+    }
+    if (found->second->carriers().size() >= max_lanes_of_a_bundle) {
+        end(of, close_code::lanes_full, p);
         return;
     }
     of.set_path(join.path);

@@ -188,6 +188,13 @@ void subflow::attach(core::bundle& bundle, core::lane_id lane, bool may_send) {
     bundle_ = &bundle;
     lane_ = lane;
     may_send_ = may_send;
+    bundle_->set_awaited(lane_, !may_send);
+}
+
+void subflow::allow_sending() {
+    if (!std::exchange(may_send_, true) && bundle_ != nullptr) {
+        bundle_->set_awaited(lane_, false);
+    }
 }
 
 std::optional<control::message> subflow::next_message() {
@@ -198,7 +205,7 @@ std::optional<control::message> subflow::next_message() {
         return std::nullopt;
     }
     if (found && std::holds_alternative<control::ready>(*found)) {
-        may_send_ = true;
+        allow_sending();
         return next_message();
     }
     return found;

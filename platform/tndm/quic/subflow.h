@@ -32,6 +32,7 @@ enum class close_code : uint64_t {
     violation = 2,      // the peer broke the rules: the whole connection is over
     join_refused = 3,   // no such bundle, or a wrong proof
     busy = 4,           // more connections than the server takes
+    lanes_full = 5,     // the bundle has as many lanes as it may: only this one ends
 };
 
 struct subflow_settings {
@@ -205,6 +206,7 @@ class subflow {
     // The lane.
     core::bundle* bundle_ = nullptr;
     core::lane_id lane_ = 0;
+    void allow_sending();
     bool may_send_ = false;
     bool anchor_raised_ = false;  // the next packet that goes out carries one
     bool unanchored_ = false;     // datagrams went out behind the last anchor

@@ -99,7 +99,7 @@ int subflow::on_datagram(ngtcp2_conn*, uint32_t, const uint8_t* data, size_t siz
     if (self.bundle_ == nullptr) {
         return NGTCP2_ERR_CALLBACK_FAILURE;  // nobody sends datagrams before the subflow has joined
     }
-    self.may_send_ = true;
+    self.allow_sending();
     self.bundle_->received({data, size}, self.now_);
     return 0;
 }

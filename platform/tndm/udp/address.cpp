@@ -65,6 +65,13 @@ void endpoint::set_port(uint16_t port) {
     if (family() == AF_INET6) ip6.sin6_port = htons(port);
 }
 
+endpoint endpoint::unmapped() const {
+    if (family() != AF_INET6 || !IN6_IS_ADDR_V4MAPPED(&ip6.sin6_addr)) return *this;
+    in_addr inner;
+    std::memcpy(&inner, &ip6.sin6_addr.s6_addr[12], sizeof inner);
+    return from(inner, port());
+}
+
 bool endpoint::is_wildcard() const {
     if (family() == AF_INET) return ip4.sin_addr.s_addr == htonl(INADDR_ANY);
     if (family() == AF_INET6) return IN6_IS_ADDR_UNSPECIFIED(&ip6.sin6_addr);

@@ -36,6 +36,10 @@ struct endpoint {
     /* Host byte order. */
     uint16_t port() const;
     void set_port(uint16_t port);
+    /* The IPv4 address for an IPv4-mapped IPv6 one, else the same. */
+    endpoint unmapped() const;
+    /* An IPv6 address that means something on one link only. */
+    bool is_link_local() const { return family() == AF_INET6 && IN6_IS_ADDR_LINKLOCAL(&ip6.sin6_addr); }
     /* True for 0.0.0.0, :: and nothing. */
     bool is_wildcard() const;
 

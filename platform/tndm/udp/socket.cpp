@@ -126,6 +126,17 @@ int open_path_socket(int family, uint16_t port, const char* path) {
     return fd.release();
 }
 
+bool can_reach(const char* path, const endpoint& remote) {
+    const fd_guard fd(open_path_socket(remote.family(), 0, path));
+    if (fd.get() < 0 || connect(fd.get(), remote.address(), remote.length) != 0) return false;
+    /* Bound to an interface without an address of the family, a socket has its route all the same, but would send from
+     * an address of another interface or of the link, which nobody behind a router answers. */
+    const std::string name = path_name(path);
+    const bool by_interface = !name.empty() && !endpoint::parse(name, 0);
+    if (by_interface && interface_address(name, remote.family()).empty()) return false;
+    return remote.is_link_local() || !local_endpoint(fd.get()).is_link_local();
+}
+
 endpoint local_endpoint(int fd) {
     sockaddr_storage storage;
     socklen_t length = sizeof storage;

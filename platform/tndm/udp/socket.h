@@ -21,6 +21,9 @@ namespace tndm {
  * wildcard socket also serves IPv4, with IPv4-mapped addresses. */
 int open_path_socket(int family, uint16_t port, const char* path);
 
+/* Whether a socket of `path` (as above) can be had now and has a route to `remote`. Sends nothing. */
+bool can_reach(const char* path, const endpoint& remote);
+
 /* What the socket is bound to; nothing on failure. */
 endpoint local_endpoint(int fd);
 
