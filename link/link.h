@@ -66,8 +66,7 @@ class TANDEM_API link_t {
     void set_schedule(std::string name);
 
     // Which of its addresses a server listens on: a numeric one, "*" for every IPv4 address (as without a call), "[*]"
-    // or
-    // "::" for every address of both families. Set it before create(), which fails when it is none of these.
+    // or "::" for every address of both families. Set it before create(), which fails when it is none of these.
     void set_listen_address(std::string address);
     // The UDP port that a server has, also when it was left to the system (port 0); 0 when it has none.
     uint16_t listen_port() const;

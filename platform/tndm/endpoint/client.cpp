@@ -239,12 +239,23 @@ void client::on_welcome(lane& of, const control::welcome& welcome, const pass& p
     of.joined_at = p.now;
     of.give_up = core::never;
     of.flow().send(control::ready{});
-    connection_->add(of, true, of.backup, p.now);
+    add_lane(of, p);
     if (path* on = path_of(of)) {
         on->pause = milliseconds(0);
         on->tries = 0;
         on->between_restarts = core::duration::zero();
     }
+}
+
+void client::add_lane(lane& of, const pass& p) {
+    if (!has_joined_at(of.flow().remote())) {
+        joined_at_.push_back(of.flow().remote());
+    }
+    connection_->add(of, true, of.backup, p.now);
+}
+
+bool client::has_joined_at(const endpoint& address) const {
+    return std::find(joined_at_.begin(), joined_at_.end(), address) != joined_at_.end();
 }
 
 void client::join(lane& of, const pass& p) {
@@ -265,7 +276,7 @@ void client::on_joined(lane& of, const pass& p) {
     of.joined_at = p.now;
     of.give_up = core::never;
     of.flow().send(control::ready{});
-    connection_->add(of, true, of.backup, p.now);
+    add_lane(of, p);
     tell_gone();
     touch(*connection_);
     path* on = path_of(of);
@@ -290,9 +301,10 @@ void client::on_end(lane& of, const pass& p) {
     const auto ending = of.flow().ended().value_or(subflow::ending{.reason = "the socket has failed"});
     const bool was_joined = of.at == lane::stage::joined;
     keep->close(close_code::subflow_only, p);  // while the socket is still ours
-    if (connection_ != nullptr && ending.code == close_code::join_refused) {
-        // The server has forgotten the connection: there is nothing to wait for. A stateless reset tells that only of
-        // one subflow (the server may have ended it, and its goodbye was lost); the next join will find out.
+    if (connection_ != nullptr && ending.code == close_code::join_refused && has_joined_at(of.flow().remote())) {
+        // The server has forgotten the connection: there is nothing to wait for. (At another of its name's addresses
+        // another machine may answer, which has never known it.) A stateless reset tells that only of one subflow (the
+        // server may have ended it, and its goodbye was lost); the next join will find out.
         connection_->end(close_code::bundle_closed);
         touch(*connection_);
     } else if (was_joined && connection_ != nullptr &&
@@ -335,6 +347,7 @@ void client::retire(connection& over, close_code code, const pass& p) {
         return;
     }
     connection_ = nullptr;
+    joined_at_.clear();
     gone_lanes_.clear();
     greeter_.reset();
     rest_ = p.now - connected_at_ >= good_life ? first_pause : longer_pause(rest_);

@@ -90,6 +90,8 @@ class client : public engine {
     void give_back(path& on, lane& of);
     void on_welcome(lane& of, const control::welcome& welcome, const pass& p);
     void on_joined(lane& of, const pass& p);
+    void add_lane(lane& of, const pass& p);
+    bool has_joined_at(const endpoint& address) const;
     void on_end(lane& of, const pass& p);
     void greet(const pass& p);
     void join(lane& of, const pass& p);
@@ -102,7 +104,8 @@ class client : public engine {
 
     const target target_;
     resolver resolver_;
-    std::vector<endpoint> servers_;  // its addresses, the best first; none while its name is looked up
+    std::vector<endpoint> servers_;    // its addresses, the best first; none while its name is looked up
+    std::vector<endpoint> joined_at_;  // those where the connection is known
     std::vector<path> paths_;
     link_table links_;
     std::unique_ptr<network_watch> network_;

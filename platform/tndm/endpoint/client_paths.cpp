@@ -25,10 +25,11 @@ constexpr milliseconds first_pause{200};
 constexpr milliseconds longest_pause{5000};
 // Routes may come by the thousand, and for ever: a handshake begins again for their sake ever more rarely, or one that
 // needs longer would never end.
-// A server may have an address that nobody answers at, or only over other paths.
-constexpr core::duration before_next_address = std::chrono::seconds(3);
 constexpr core::duration first_between_restarts = milliseconds(100);
 constexpr core::duration longest_between_restarts = std::chrono::seconds(10);
+// A server may have an address that nobody answers at, or only over other paths. Twice as long when all were tried: the
+// path may be slow.
+constexpr core::duration before_next_address = std::chrono::seconds(3);
 
 }  // namespace
 
@@ -126,11 +127,12 @@ const endpoint* client::server_for(const path& on) const {
     return possible;
 }
 
-// The application makes it. -1 when it does not, or makes one of the other family, or has destroyed the instance.
+// The application makes it. -1 when it does not, or makes one that cannot send to IPv6, or has destroyed the instance.
 int client::make_socket(const path& on, const endpoint& to) {
     const std::string text = on.named.text + (to.family() == AF_INET6 ? TNDM_PATH_FAMILY_IPV6 : "");
     const int fd = env_.app.create_path != nullptr ? env_.app.create_path(env_.app.instance, text.c_str()) : -1;
-    if (fd > 0 && (env_.dead || local_endpoint(fd).family() != to.family())) {
+    const bool too_small = fd > 0 && to.family() == AF_INET6 && local_endpoint(fd).family() == AF_INET;
+    if (fd > 0 && (env_.dead || too_small)) {
         ::close(fd);
         return -1;
     }
@@ -162,7 +164,8 @@ std::shared_ptr<client::lane> client::open(path& on, const pass& p) {
         settings.first_rtt = std::clamp(on.shortest_rtt, shortest_first_rtt, longest_first_rtt);
         made->give_up = p.now + patience_for(on);
     } else if (servers_.size() > 1) {
-        made->give_up = p.now + before_next_address;
+        const auto rounds = static_cast<unsigned>(on.tries / servers_.size());
+        made->give_up = p.now + before_next_address * (1 << std::min(rounds, 3U));
     }
     made->set_flow(subflow::create_client(settings, std::move(tls), local_endpoint(fd), server, p.now));
     if (!made->has_flow()) {

@@ -2,6 +2,7 @@
 
 #include <netdb.h>
 
+#include <algorithm>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -9,9 +10,6 @@
 namespace tndm {
 
 namespace {
-
-// A path that reaches none tries one after the other.
-constexpr size_t most_addresses = 16;
 
 resolver::answer look_up(const std::string& host, uint16_t port) {
     addrinfo hints{};
@@ -23,9 +21,11 @@ resolver::answer look_up(const std::string& host, uint16_t port) {
         return {{}, "the name " + host + " does not resolve: " + (error == 0 ? "no address" : gai_strerror(error))};
     }
     resolver::answer result;
-    for (const addrinfo* each = list; each != nullptr && result.found.size() < most_addresses; each = each->ai_next) {
+    for (const addrinfo* each = list; each != nullptr; each = each->ai_next) {
         endpoint address(each->ai_addr, each->ai_addrlen);
-        if (!address.empty()) {
+        const bool first = std::none_of(result.found.begin(), result.found.end(),
+                                        [&](const endpoint& of) { return of.family() == address.family(); });
+        if (!address.empty() && first) {
             address.set_port(port);
             result.found.push_back(address);
         }

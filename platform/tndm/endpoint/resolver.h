@@ -20,7 +20,7 @@ class resolver {
     explicit resolver(std::shared_ptr<mailbox> commands) : commands_(std::move(commands)) {}
 
     struct answer {
-        std::vector<endpoint> found;  // both families, the best first; empty on failure
+        std::vector<endpoint> found;  // the best of each family, the best first; empty on failure
         std::string error;            // one line
     };
     // Starts a look-up unless one is under way; a `resolved` command arrives in the mailbox when take() has something.
