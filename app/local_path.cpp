@@ -1,12 +1,14 @@
 #include "app/local_path.h"
 
+#include <arpa/inet.h>
 #include <net/if.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
 
 #include <algorithm>
+#include <cstring>
 
 #include "app/file.h"
-#include "common/address.h"
 
 namespace tandem::app {
 namespace {
@@ -31,11 +33,17 @@ std::string path_name(std::string_view path) {
 }
 
 bool is_path_present(const std::string& name) {
-    sockaddr_storage address;
-    bool is_name = false;
-    if (t_get_address(name.c_str(), 0, &address, is_name, true) != 0 || is_name)
+    sockaddr_in6 address{};
+    sockaddr_in ipv4{};
+    if (inet_pton(AF_INET, name.c_str(), &ipv4.sin_addr) == 1) {
+        ipv4.sin_family = AF_INET;
+        std::memcpy(&address, &ipv4, sizeof(ipv4));
+    } else if (inet_pton(AF_INET6, name.c_str(), &address.sin6_addr) == 1) {
+        address.sin6_family = AF_INET6;
+    } else {
         return if_nametoindex(name.c_str()) != 0;
-    const file_t probe(socket(address.ss_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+    }
+    const file_t probe(socket(address.sin6_family, SOCK_DGRAM | SOCK_CLOEXEC, 0));
     return bind(probe.fd(), reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
 }
 
