@@ -47,7 +47,7 @@ void resolver::start(const std::string& host, uint16_t port) {
     current_ = std::make_shared<shared>();
     const auto tell = [](mailbox& box) { box.post({.what = command::kind::resolved}); };
     if (const auto numeric = endpoint::parse(host, port)) {
-        current_->result.found = {*numeric};
+        current_->result.found = {numeric->unmapped()};
         tell(*commands_);
         return;
     }

@@ -133,7 +133,10 @@ bool can_reach(const char* path, const endpoint& remote) {
      * an address of another interface or of the link, which nobody behind a router answers. */
     const std::string name = path_name(path);
     const bool by_interface = !name.empty() && !endpoint::parse(name, 0);
-    if (by_interface && interface_address(name, remote.family()).empty()) return false;
+    if (by_interface) {
+        const endpoint own = interface_address(name, remote.family());
+        if (own.empty() || (own.is_link_local() && !remote.is_link_local())) return false;
+    }
     return remote.is_link_local() || !local_endpoint(fd.get()).is_link_local();
 }
 
