@@ -233,11 +233,13 @@ class bundle {
     bool may_take_fresh(unsigned which, const lane& l) const;
     bool lags_behind(const lane& l) const;
     std::optional<outgoing> chunk_of(const stream& s, range part, size_t room) const;
-    void chunk_sent(lane& l, stream& s, const outgoing& datagram);
-    bool turn_is_over(stream& s, uint64_t bytes);
     std::optional<wire::preface> preface_for(const stream& s) const;
     const stream* unsent_preface() const;
     uint64_t connection_room(unsigned which) const;
+
+    // bundle_sent.cpp
+    void chunk_sent(lane& l, stream& s, const outgoing& datagram);
+    bool turn_is_over(stream& s, uint64_t bytes);
 
     role role_;
     limits own_;
