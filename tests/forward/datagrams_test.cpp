@@ -1,5 +1,8 @@
 // UDP and tun/tap with lossless delivery: bounds of datagrams, bounded queues, nothing fatal from afar.
 #include "forward/datagram_batch.h"
+
+#include <future>
+
 #include "tests/forward/forward_fixture.h"
 
 namespace forward_test {
@@ -167,6 +170,29 @@ TEST_F(datagrams, an_interface_pauses_on_a_full_stream_and_outlives_what_the_ker
     settle();
     EXPECT_EQ(context->local_instances.size(), 1u);
     EXPECT_NE(sent(stream_id + 4).find("VPN"), std::string::npos);
+}
+
+TEST_F(datagrams, an_interface_whose_queue_is_full_drops_the_newest) {
+    socket_pair_t tun(SOCK_SEQPACKET);
+    const int given = tun.ours.release();
+    std::promise<void> go;
+    context->vpn_hook = [&, made = go.get_future().share()](std::string&, const std::string&) {
+        made.wait();
+        return given;
+    };
+    push(peer_stream, request("VPN", "ifname:vpn0", 0));
+    for (int i = 100; i < 300; ++i) {
+        push(peer_stream, frame(std::to_string(i) + std::string(9997, '.')));
+    }
+    // Nothing was read, so a quarter of the two million bytes at least is too much.
+    const auto waiting = context->remote_streams.at(peer_stream)->pending_packets;
+    EXPECT_GT(waiting.size(), 50u);
+    EXPECT_LT(waiting.size(), 150u);
+    const auto* last = reinterpret_cast<const char*>(waiting.back()->data());
+    EXPECT_EQ(std::string(last, 3), std::to_string(100 + waiting.size() - 1));
+    go.set_value();
+    ASSERT_TRUE(settle_until([&] { return context->remote_instances.contains(given); }));
+    EXPECT_EQ(receive_one(tun.theirs).substr(0, 3), "100");
 }
 
 }  // namespace
