@@ -21,7 +21,10 @@ TEST(hook_command, tells_how_it_failed) {
     EXPECT_EQ(hook_command_t({"true"}).wait(), "");
     EXPECT_EQ(hook_command_t({"false"}).wait(), "false has failed (exit status 1)");
     EXPECT_EQ(hook_command_t({"sh", "-c", "kill -9 $$"}).wait(), "sh was ended by signal 9");
-    EXPECT_EQ(hook_command_t({"/no/such"}).wait(), "/no/such cannot be run: No such file or directory");
+    const std::string missing = hook_command_t({"/no/such"}).wait();
+    if (missing != "/no/such has failed (exit status 127)") {  // so where vfork is a fork, as in an emulator
+        EXPECT_EQ(missing, "/no/such cannot be run: No such file or directory");
+    }
 }
 
 // Also by leaving, the command and what it has started end.
