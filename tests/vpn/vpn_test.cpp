@@ -101,6 +101,7 @@ class chatter_t {
     ~chatter_t() {
         stop_ = true;
         thread_.join();
+        EXPECT_GT(sent_, 20u);
         EXPECT_EQ(strange_, 0) << "twice, or changed on the way";
         EXPECT_GE(returned_.size(), sent_ - sent_ / 5) << "of " << sent_;
     }
@@ -219,6 +220,9 @@ void join_hosts(const std::string& mode) {
     })) << read_file(link.scratch().path("server.log"));
     run(joined(nets.in_server(), {"ping", "-c", "1", "-W", "30", "10.9.0.2"}));
     EXPECT_NE(run(joined(nets.in_client(), {"ip", "route", "get", "10.7.1.1"})).find("dev vpn0"), std::string::npos);
+    const std::string shown = run(joined(nets.in_client(), {"ip", "address", "show", "vpn0"}));
+    EXPECT_NE(shown.find("mtu 1400"), std::string::npos) << shown;
+    EXPECT_NE(shown.find(tap ? "10.8.0.2/24" : "10.8.0.2 peer 10.8.0.1/32"), std::string::npos) << shown;
     nets.at_client([&] {
         const chatter_t chatter("10.8.0.1", responder->port());
         process_t ping({"ping", "-q", "-i", "0.01", "-c", "200", "-W", "20", "10.8.0.1"});
