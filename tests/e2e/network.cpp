@@ -22,6 +22,8 @@ constexpr size_t piece = 64 * 1024;
 // Bytes that both ends can make for themselves from a seed.
 using pattern_t = std::independent_bits_engine<std::mt19937_64, 8, uint64_t>;
 
+// A socket with a time limit returns from a signal even where the handler asked for its call to be restarted
+// (signal(7)), and an emulator has signals of its own: what follows starts such calls again.
 void set_patience(int fd) {
     const timeval limit{patience.count(), 0};
     const int on = 1;
@@ -71,7 +73,7 @@ app::file_t connect_tcp(uint16_t port) {
 bool write_all(int fd, const void* data, size_t size) {
     const auto* bytes = static_cast<const uint8_t*>(data);
     while (size > 0) {
-        const ssize_t wrote = send(fd, bytes, size, MSG_NOSIGNAL);
+        const ssize_t wrote = TEMP_FAILURE_RETRY(send(fd, bytes, size, MSG_NOSIGNAL));
         if (wrote <= 0) return false;
         bytes += wrote;
         size -= static_cast<size_t>(wrote);
@@ -82,7 +84,7 @@ bool write_all(int fd, const void* data, size_t size) {
 bool read_all(int fd, void* data, size_t size) {
     auto* bytes = static_cast<uint8_t*>(data);
     while (size > 0) {
-        const ssize_t got = recv(fd, bytes, size, 0);
+        const ssize_t got = TEMP_FAILURE_RETRY(recv(fd, bytes, size, 0));
         if (got <= 0) return false;
         bytes += got;
         size -= static_cast<size_t>(got);
@@ -94,7 +96,7 @@ int64_t read_to_end(int fd) {
     std::vector<uint8_t> buffer(piece);
     int64_t total = 0;
     for (;;) {
-        const ssize_t got = recv(fd, buffer.data(), buffer.size(), 0);
+        const ssize_t got = TEMP_FAILURE_RETRY(recv(fd, buffer.data(), buffer.size(), 0));
         if (got < 0) return -1;
         if (got == 0) return total;
         total += got;
@@ -130,7 +132,8 @@ service_t::~service_t() {
 
 void service_t::accept_all() {
     for (;;) {
-        app::file_t file(accept4(listening_.fd(), nullptr, nullptr, SOCK_CLOEXEC));
+        app::file_t file(
+            static_cast<int>(TEMP_FAILURE_RETRY(accept4(listening_.fd(), nullptr, nullptr, SOCK_CLOEXEC))));
         if (!file) return;
         set_patience(file.fd());
         // The copy keeps the connection within the destructor's reach; the handler's own descriptor ends with the
@@ -146,7 +149,7 @@ void service_t::accept_all() {
 void echo(int fd) {
     std::vector<uint8_t> buffer(piece);
     for (;;) {
-        const ssize_t got = recv(fd, buffer.data(), buffer.size(), 0);
+        const ssize_t got = TEMP_FAILURE_RETRY(recv(fd, buffer.data(), buffer.size(), 0));
         if (got <= 0 || !write_all(fd, buffer.data(), static_cast<size_t>(got))) break;
     }
     shutdown(fd, SHUT_WR);
@@ -171,7 +174,7 @@ std::string exchange(int fd, uint64_t seed, const std::function<uint64_t()>& roo
     std::string fault;
     pattern_t pattern(seed);
     std::vector<uint8_t> buffer(piece);
-    for (ssize_t got; fault.empty() && (got = recv(fd, buffer.data(), buffer.size(), 0)) != 0;) {
+    for (ssize_t got; fault.empty() && (got = TEMP_FAILURE_RETRY(recv(fd, buffer.data(), buffer.size(), 0))) != 0;) {
         if (got < 0) fault = "failed after " + std::to_string(total) + " bytes: " + strerror(errno);
         for (ssize_t i = 0; i < got && fault.empty(); ++i, ++total) {
             if (buffer[static_cast<size_t>(i)] != pattern()) fault = "differs at byte " + std::to_string(total);

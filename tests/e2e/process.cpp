@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -64,14 +65,14 @@ process_t::process_t(process_t&& other) noexcept
 process_t::~process_t() {
     if (pid_ <= 0 || ended_) return;
     kill(pid_, SIGKILL);
-    waitpid(pid_, nullptr, 0);
+    TEMP_FAILURE_RETRY(waitpid(pid_, nullptr, 0));
 }
 
 bool process_t::read_more(clock_t::time_point deadline) {
     pollfd ready{output_.fd(), POLLIN, 0};
-    if (poll(&ready, 1, milliseconds_until(deadline)) <= 0) return false;
+    if (TEMP_FAILURE_RETRY(poll(&ready, 1, milliseconds_until(deadline))) <= 0) return false;
     char bytes[4096];
-    const ssize_t got = read(output_.fd(), bytes, sizeof(bytes));
+    const ssize_t got = TEMP_FAILURE_RETRY(read(output_.fd(), bytes, sizeof(bytes)));
     if (got <= 0) return false;
     buffer_.append(bytes, static_cast<size_t>(got));
     return true;
@@ -100,8 +101,8 @@ void process_t::signal(int number) const {
 int process_t::wait(std::chrono::milliseconds limit) {
     if (!ended_) {
         pollfd ready{pidfd_.fd(), POLLIN, 0};
-        if (poll(&ready, 1, static_cast<int>(limit.count())) <= 0) return -1000;
-        waitpid(pid_, &status_, 0);
+        if (TEMP_FAILURE_RETRY(poll(&ready, 1, static_cast<int>(limit.count()))) <= 0) return -1000;
+        TEMP_FAILURE_RETRY(waitpid(pid_, &status_, 0));
         ended_ = true;
     }
     return WIFEXITED(status_) ? WEXITSTATUS(status_) : -WTERMSIG(status_);

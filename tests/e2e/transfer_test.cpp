@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <future>
 
 #include "tests/e2e/link_fixture.h"
@@ -52,7 +54,7 @@ TEST(transfer, a_slow_reader_holds_back_only_itself) {
     // Fills every queue on the way there and back: nobody reads what comes back.
     std::vector<uint8_t> data(1 << 20);
     uint64_t queued = 0;
-    for (pollfd room{slow.fd(), POLLOUT, 0}; poll(&room, 1, 1000) > 0;) {
+    for (pollfd room{slow.fd(), POLLOUT, 0}; TEMP_FAILURE_RETRY(poll(&room, 1, 1000)) > 0;) {
         const ssize_t sent = send(slow.fd(), data.data(), data.size(), MSG_DONTWAIT | MSG_NOSIGNAL);
         if (sent > 0) queued += static_cast<uint64_t>(sent);
         ASSERT_LT(queued, uint64_t{1} << 30) << "the queues are not bounded";

@@ -5,8 +5,10 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
 #include <csignal>
 #include <optional>
 #include <set>
@@ -66,7 +68,7 @@ class responder_t {
     void run() {
         for (;;) {
             pollfd fds[2] = {{stop_.fd(), POLLIN, 0}, {socket_.fd(), POLLIN, 0}};
-            if (poll(fds, 2, -1) < 0 || fds[0].revents != 0) return;
+            if (TEMP_FAILURE_RETRY(poll(fds, 2, -1)) < 0 || fds[0].revents != 0) return;
             char buffer[2048];
             sockaddr_in from{};
             socklen_t length = sizeof(from);
@@ -86,7 +88,7 @@ class responder_t {
 bool answered(int fd, const std::string& text) {
     char buffer[2048];
     if (send(fd, text.data(), text.size(), 0) != static_cast<ssize_t>(text.size())) return false;
-    const ssize_t size = recv(fd, buffer, sizeof(buffer), 0);
+    const ssize_t size = TEMP_FAILURE_RETRY(recv(fd, buffer, sizeof(buffer), 0));
     return size >= 0 && std::string(buffer, static_cast<size_t>(size)) == text;
 }
 
@@ -121,7 +123,7 @@ class chatter_t {
 
     bool take(int wait_ms) {
         pollfd ready{socket_.fd(), POLLIN, 0};
-        if (poll(&ready, 1, wait_ms) <= 0) return false;
+        if (TEMP_FAILURE_RETRY(poll(&ready, 1, wait_ms)) <= 0) return false;
         char buffer[2048];
         const ssize_t size = recv(socket_.fd(), buffer, sizeof(buffer), 0);
         if (size < 0) return false;
