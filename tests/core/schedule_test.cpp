@@ -77,6 +77,38 @@ TEST_F(schedules, many_small_streams_do_not_starve_bulk) {
     }
 }
 
+// Where it is slow they go on by chunks, so that nobody waits long; where it is fast a chunk is not worth a change.
+TEST_F(schedules, turns_in_bulk_last_half_a_millisecond_up_to_64_kib) {
+    constexpr size_t room = 1200;
+    const std::vector<std::pair<uint64_t, uint64_t>> expected = {{1'000'000, 0}, {20'000'000, 10'000}, {~0U, 65'536}};
+    for (const auto& [rate, bytes] : expected) {
+        start({{.mbit = 50, .delay = 5ms}}, with_window(60'000));
+        warm_up();
+        core::bundle& b = client().bundle;
+        const core::lane_id lane = sim().lane_of(client(), 0)->id();
+        b.set_rate(lane, rate);
+        for (const uint64_t stream : {4, 8, 12})
+            ASSERT_TRUE(b.queue(stream, core::buffer::copy_of(std::vector<uint8_t>(150'000)), false));
+        std::vector<std::pair<uint64_t, uint64_t>> turns;
+        for (uint64_t total = 0; total < 420'000;) {
+            const auto taken = b.next(lane, room, sim().now());
+            ASSERT_TRUE(taken);
+            const core::transmission& record = taken->record;
+            if (turns.empty() || turns.back().first != record.stream) turns.emplace_back(record.stream, 0);
+            turns.back().second += record.part.size();
+            total += record.part.size();
+            b.sent(lane, *taken, sim().now());
+        }
+        turns.pop_back();
+        ASSERT_GE(turns.size(), 6U);
+        for (size_t i = 0; i < 6; ++i) {
+            EXPECT_EQ(turns[i].first, 4 + 4 * (i % 3));
+            EXPECT_GE(turns[i].second, bytes);
+            EXPECT_LT(turns[i].second, bytes + room);
+        }
+    }
+}
+
 // The near path answers but takes nothing any more: its window is full of what it will never deliver.
 TEST_F(schedules, a_near_path_that_is_stuck_is_not_waited_for) {
     start({{.mbit = 50, .delay = 5ms}, {.mbit = 50, .delay = 75ms}});

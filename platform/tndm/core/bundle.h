@@ -185,7 +185,7 @@ class bundle {
     };
     static constexpr uint64_t turn = 16384;  // bytes
     static constexpr uint64_t most_ahead = 4 * turn;
-    static constexpr size_t crowd = 32;  // streams
+    static constexpr uint64_t longest_turn = 4 * turn;
 
     // bundle.cpp
     static unsigned kind_of(uint64_t id) { return (id >> 1) & 1; }
@@ -240,6 +240,7 @@ class bundle {
     // bundle_sent.cpp
     void chunk_sent(lane& l, stream& s, const outgoing& datagram);
     bool turn_is_over(stream& s, uint64_t bytes);
+    uint64_t bulk_turn() const;
 
     role role_;
     limits own_;

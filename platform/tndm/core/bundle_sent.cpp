@@ -82,15 +82,24 @@ void bundle::chunk_sent(lane& l, stream& s, const outgoing& datagram) {
     }
 }
 
-// In a crowd a turn is longer than a chunk: a delivery, a read and a write for each chunk would cost more than the
-// chunk.
 bool bundle::turn_is_over(stream& s, uint64_t bytes) {
     s.turn_sent += bytes;
-    if (s.line == bulk && lines_[bulk].streams.size() > crowd && s.turn_sent < turn) {
+    if (s.line == bulk && lines_[bulk].streams.size() > 1 && s.turn_sent < bulk_turn()) {
         return false;
     }
     s.turn_sent = 0;
     return true;
+}
+
+// On fast paths a turn in bulk is longer than a chunk, because a delivery, a read and a write for each chunk cost more
+// than the chunk. It lasts as long on all of them, so that the others do not wait longer where it is slow.
+uint64_t bundle::bulk_turn() const {
+    constexpr uint64_t turns_a_second = 2000;
+    uint64_t rate = 0;
+    for (const auto& [id, each] : lanes_) {
+        rate += each.suspect() ? 0 : std::min<uint64_t>(each.rate(), turns_a_second * longest_turn);
+    }
+    return std::min(rate / turns_a_second, longest_turn);
 }
 
 void bundle::acknowledged(lane_id id, uint64_t datagram, instant now) {
