@@ -128,6 +128,26 @@ TEST_F(schedules, a_near_path_that_is_stuck_is_not_waited_for) {
     EXPECT_TRUE(b.next(far, 1200, now + 76ms)) << "one chunk must not start the wait anew";
 }
 
+TEST_F(schedules, a_near_path_with_nothing_else_to_do_copies_once_what_a_far_one_owes) {
+    start({{.mbit = 50, .delay = 5ms}, {.mbit = 50, .delay = 75ms}});
+    warm_up();
+    core::bundle& b = client().bundle;
+    const core::lane_id near = sim().lane_of(client(), 0)->id();
+    const core::lane_id far = sim().lane_of(client(), 1)->id();
+    ASSERT_TRUE(b.queue(0, core::buffer::copy_of(std::vector<uint8_t>(1000)), false));
+    const instant now = sim().now();
+    ASSERT_FALSE(b.next(far, 1200, now));
+    const auto late = b.next(far, 1200, now + 75ms);
+    ASSERT_TRUE(late);
+    b.sent(far, *late, now + 75ms);
+    const auto copy = b.next(near, 1200, now + 80ms);
+    ASSERT_TRUE(copy && copy->is_copy);
+    EXPECT_EQ(copy->record.part.begin, late->record.part.begin);
+    EXPECT_EQ(copy->record.part.end, late->record.part.end);
+    b.sent(near, *copy, now + 80ms);
+    EXPECT_FALSE(b.next(near, 1200, now + 81ms));
+}
+
 TEST_F(schedules, a_backup_path_is_used_only_while_no_other_works) {
     start({{.mbit = 50, .delay = 10ms}, {.mbit = 50, .delay = 10ms, .backup = true}});
     send(client(), 0, 5'000'000);

@@ -112,7 +112,6 @@ class bundle {
     void probe_refused(lane_id id, instant now);
     // Null for an id that is not (or no more) a lane.
     const lane* find_lane(lane_id id) const;
-    size_t lane_count() const { return lanes_.size(); }
     // Lanes that answer.
     size_t active_lanes() const;
 
