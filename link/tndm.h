@@ -145,7 +145,8 @@ TANDEM_PLATFORM_API void tndm_delete_connection(void* instance, void* connection
 /* Probes idle paths every `a` milliseconds (0: a default), so that the connection stays up and a dead path is noticed.
  * `context` and `b` are not used. */
 TANDEM_PLATFORM_API int tndm_enable_keep_alive(void* connection, void* context, uint32_t a, uint32_t b);
-/* Bytes handed to the connection, and bytes of those sent, since it was established. */
+/* Bytes handed to the connection, and bytes of those sent, since it was established. What is sent is counted after it
+ * has left, so the peer may have it a moment before. */
 TANDEM_PLATFORM_API uint64_t tndm_get_bytes_queued(void* connection);
 TANDEM_PLATFORM_API uint64_t tndm_get_data_sent(void* connection);
 /* Fills at most `count` pointers with one record a path, each to be released with free(); the number filled, or -1.
